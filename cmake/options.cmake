@@ -1,0 +1,81 @@
+# Settings that every target shares: language, warnings, sanitizers, output folders, dependencies.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+# Built and installed programs alike find their libraries in ../lib beside them.
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib;$ORIGIN")
+
+set(TIRVAL_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them: address,undefined or thread")
+option(TIRVAL_COVERAGE "Count lines for a coverage report" OFF)
+option(TIRVAL_TESTS "Build the tests" ON)
+
+add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow
+    $<$<COMPILE_LANGUAGE:CXX>:-Wconversion> $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
+if(TIRVAL_SANITIZE)
+    add_compile_options(-fsanitize=${TIRVAL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${TIRVAL_SANITIZE})
+    if(TIRVAL_SANITIZE MATCHES thread)
+        # Asio's fences are not understood by the thread sanitizer, which says so for each of them.
+        add_compile_options(-Wno-tsan)
+    endif()
+    if(TIRVAL_SANITIZE MATCHES address)
+        add_compile_definitions(TIRVAL_ASAN=1)
+    endif()
+elseif(CMAKE_BUILD_TYPE MATCHES "Rel")
+    add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection)
+    add_compile_definitions(_FORTIFY_SOURCE=2 _GLIBCXX_ASSERTIONS)
+    add_link_options(LINKER:-z,relro,-z,now)
+endif()
+if(TIRVAL_COVERAGE)
+    add_compile_options(--coverage)
+    add_link_options(--coverage)
+endif()
+
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(OpenSSL 3.0 REQUIRED)
+find_package(CURL 7.88 REQUIRED)
+find_package(ZLIB REQUIRED)
+if(TIRVAL_TESTS)
+    find_package(GTest REQUIRED)
+endif()
+pkg_check_modules(JANSSON REQUIRED IMPORTED_TARGET jansson>=2.14)
+
+# Asio and Beast are compiled once, apart from the sources that use them.  Those sources leave out
+# the undefined-behaviour checks that would double the time to compile Asio's templates.
+function(tirval_asio_sources)
+    if(TIRVAL_SANITIZE MATCHES undefined)
+        set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-fno-sanitize=null,alignment,vptr")
+    endif()
+endfunction()
+
+# A GoogleTest program; each TEST in it becomes one test of the suite, named after the behaviour.
+function(tirval_add_test name)
+    cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;ENVIRONMENT" ${ARGN})
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 120)
+    endif()
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+    include(GoogleTest)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" ENVIRONMENT "${arg_ENVIRONMENT}")
+endfunction()
+
+# Boost's sockets (and TLS streams), compiled once for all that use them.
+find_path(BOOST_INCLUDE boost/asio.hpp REQUIRED)
+add_library(tirval_asio STATIC ${CMAKE_SOURCE_DIR}/cmake/asio.cpp)
+target_include_directories(tirval_asio SYSTEM PUBLIC ${BOOST_INCLUDE})
+target_compile_definitions(tirval_asio PUBLIC BOOST_ASIO_SEPARATE_COMPILATION BOOST_ASIO_NO_DEPRECATED)
+target_link_libraries(tirval_asio PUBLIC OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+tirval_asio_sources(${CMAKE_SOURCE_DIR}/cmake/asio.cpp)

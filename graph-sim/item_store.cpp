@@ -1,0 +1,219 @@
+// The tree of a drive and its changes.
+#include "item_store.h"
+
+#include <algorithm>
+#include <array>
+
+namespace graph_sim {
+
+drive::drive(drive_facts facts) : facts_(std::move(facts))
+{
+    auto made = std::make_unique<item>();
+    made->name = "root";
+    made->folder = true;
+    made->times = item_times::all(facts_.created);
+    root_ = made.get();
+    if (facts_.kind == flavour::personal) {
+        name_item(*made, {});
+    } else {
+        made->unique = root_guid();
+        made->id = is_personal(facts_.kind)
+                       ? personal_item_id(facts_.id, facts_.kind, 0, made->unique)
+                       : business_item_id(facts_.id, made->unique);
+    }
+    items_.emplace(made->id, std::move(made));
+}
+
+item *drive::find(std::string_view id)
+{
+    if (id == "root") {
+        return root_;
+    }
+    const auto found = items_.find(std::string(id));
+    return found == items_.end() ? nullptr : found->second.get();
+}
+
+item *drive::child(const item &folder, std::string_view name)
+{
+    const auto found = folder.children.find(fold_case(name));
+    return found == folder.children.end() ? nullptr : found->second;
+}
+
+item *drive::resolve(item &from, std::span<const std::string> path)
+{
+    item *at = &from;
+    for (const std::string &name : path) {
+        at = child(*at, name);
+        if (at == nullptr) {
+            return nullptr;
+        }
+    }
+    return at;
+}
+
+void drive::name_item(item &made, std::string id)
+{
+    const std::uint64_t number = ++last_number_;
+    made.unique = guid::from_name(facts_.id + "/" + std::to_string(number));
+    if (!id.empty()) {
+        made.id = std::move(id);
+    } else if (is_personal(facts_.kind)) {
+        made.id = personal_item_id(facts_.id, facts_.kind, number, made.unique);
+    } else {
+        made.id = business_item_id(facts_.id, made.unique);
+    }
+}
+
+item *drive::add(item &parent, std::unique_ptr<item> made, std::string id)
+{
+    std::string key = fold_case(made->name);
+    if (!parent.folder || parent.children.contains(key) || (!id.empty() && items_.contains(id))) {
+        return nullptr;
+    }
+    item *added = made.get();
+    name_item(*added, std::move(id));
+    added->parent = &parent;
+    items_.emplace(added->id, std::move(made));
+    parent.children.emplace(std::move(key), added);
+    spread(&parent, static_cast<std::int64_t>(added->size));
+    return added;
+}
+
+item *drive::add_folder(item &parent, std::string name, const item_times &times, std::string id)
+{
+    auto made = std::make_unique<item>();
+    made->name = std::move(name);
+    made->folder = true;
+    made->times = times;
+    return add(parent, std::move(made), std::move(id));
+}
+
+item *drive::add_file(item &parent, std::string name, content_ptr data, const item_times &times,
+                      std::string id)
+{
+    auto made = std::make_unique<item>();
+    made->mime_type = mime_type_of(name);
+    made->name = std::move(name);
+    made->size = data->size();
+    made->data = std::move(data);
+    made->times = times;
+    return add(parent, std::move(made), std::move(id));
+}
+
+void drive::replace_content(item &file, content_ptr data, timestamp now)
+{
+    const auto change =
+        static_cast<std::int64_t>(data->size()) - static_cast<std::int64_t>(file.size);
+    file.size = data->size();
+    file.data = std::move(data);
+    file.times.client_modified = now;
+    ++file.content_count;
+    touch(file, now);
+    spread(file.parent, change);
+}
+
+bool drive::move(item &moved, item &new_parent, std::string new_name, timestamp now)
+{
+    for (const item *above = &new_parent; above != nullptr; above = above->parent) {
+        if (above == &moved) {
+            return false;
+        }
+    }
+    std::string key = fold_case(new_name);
+    const auto taken = new_parent.children.find(key);
+    const bool free = taken == new_parent.children.end() || taken->second == &moved;
+    if (!new_parent.folder || !free || moved.parent == nullptr) {
+        return false;
+    }
+    moved.parent->children.erase(fold_case(moved.name));
+    spread(moved.parent, -static_cast<std::int64_t>(moved.size));
+    moved.name = std::move(new_name);
+    moved.parent = &new_parent;
+    new_parent.children.emplace(std::move(key), &moved);
+    spread(&new_parent, static_cast<std::int64_t>(moved.size));
+    touch(moved, now);
+    return true;
+}
+
+void drive::touch(item &changed, timestamp now)
+{
+    ++changed.change_count;
+    changed.times.modified = now;
+}
+
+void drive::remove(item &gone, timestamp now)
+{
+    if (gone.parent == nullptr) {
+        return;
+    }
+    item &parent = *gone.parent;
+    parent.children.erase(fold_case(gone.name));
+    spread(&parent, -static_cast<std::int64_t>(gone.size));
+    parent.times.modified = now;
+    forget(gone);
+}
+
+void drive::forget(item &gone)
+{
+    for (const auto &[key, below] : gone.children) {
+        forget(*below);
+    }
+    items_.erase(std::string(gone.id));
+}
+
+void drive::spread(item *folder, std::int64_t size_change)
+{
+    for (; folder != nullptr; folder = folder->parent) {
+        folder->size += static_cast<std::uint64_t>(size_change);
+        ++folder->content_count;
+    }
+}
+
+std::string drive::path_of(const item &of)
+{
+    return of.parent == nullptr ? "" : path_of(*of.parent) + "/" + of.name;
+}
+
+std::string mime_type_of(std::string_view name)
+{
+    struct known_type {
+        std::string_view extension, type;
+    };
+    static constexpr std::array types{
+        known_type{"csv", "text/csv"},
+        known_type{"docx",
+                   "application/vnd.openxmlformats-officedocument.wordprocessingml.document"},
+        known_type{"html", "text/html"},
+        known_type{"jpg", "image/jpeg"},
+        known_type{"json", "application/json"},
+        known_type{"md", "text/markdown"},
+        known_type{"pdf", "application/pdf"},
+        known_type{"png", "image/png"},
+        known_type{"txt", "text/plain"},
+        known_type{"xlsx", "application/vnd.openxmlformats-officedocument.spreadsheetml.sheet"},
+        known_type{"zip", "application/zip"},
+    };
+    const size_t dot = name.rfind('.');
+    if (dot != std::string_view::npos) {
+        const std::string extension = to_lower(name.substr(dot + 1));
+        for (const known_type &known : types) {
+            if (known.extension == extension) {
+                return std::string(known.type);
+            }
+        }
+    }
+    return "application/octet-stream";
+}
+
+bool is_legal_name(std::string_view name)
+{
+    const auto illegal = [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7F ||
+               std::string_view("\"*:<>?/\\|").find(c) != std::string_view::npos;
+    };
+    return !name.empty() && name != "." && name != ".." && is_utf8(name) &&
+           std::ranges::none_of(name, illegal) && name.front() != ' ' && name.back() != ' ' &&
+           name.back() != '.';
+}
+
+} // namespace graph_sim

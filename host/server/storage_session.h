@@ -1,0 +1,110 @@
+/*
+ * A session's session with the storage, with what keeps its view of the drive true.  On the
+ * operation thread only.
+ *
+ * Storages remember what they have seen, also what they have seen to be missing, and never forget
+ * it by themselves.  So the storage session is opened anew (which costs no request) before an
+ * operation when it is older than storage.refresh_after, or when another session of the same user
+ * has changed the operation's path or a folder above it since; and a "not found" that such a change
+ * may explain is tried once more.
+ */
+#ifndef TIRVAL_SERVER_STORAGE_SESSION_H
+#define TIRVAL_SERVER_STORAGE_SESSION_H
+
+#include "change_ring.h"
+#include "config.h"
+#include "credential.h"
+#include "failure.h"
+#include "listing.h"
+#include "operation_host.h"
+#include "privileges.h"
+
+#include "tirval_gfs_host.h"
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace tirval::server {
+
+/* A child of a listed folder, or the folder itself under the name ".". */
+using item_sink_t =
+    std::function<void(const item_t &item, std::string_view name, entry_kind_t kind)>;
+
+class storage_session_t final : private session_settings_t {
+  public:
+    struct setup_t {
+        const tirval_gfs_storage_iface_t *storage; /* borrowed, as all that is pointed to */
+        change_ring_t *changes;
+        const storage_config_t *config;
+        std::uint64_t session_id;
+        account_t account;
+        std::string client; /* numeric address */
+    };
+
+    explicit storage_session_t(setup_t setup);
+    ~storage_session_t() override;
+    storage_session_t(const storage_session_t &) = delete;
+    storage_session_t &operator=(const storage_session_t &) = delete;
+
+    /* Opens the storage session; one that is open is ended first.  Returns what went wrong. */
+    std::optional<failure_t> open();
+    /* Where the storage wants a client to begin; a canonical path. */
+    const std::string &home() const { return home_; }
+
+    /* Describes one item.  `path` is canonical, here and below. */
+    std::variant<item_t, failure_t> stat(const std::string &path);
+
+    /*
+     * Lists a folder, itself first; the items come in as the storage delivers them.  Names are
+     * borrowed for the call.  A failure may follow items.  The path is to be one that stat() has
+     * just described: nothing is refreshed in between.
+     */
+    std::optional<failure_t> list(const std::string &path, const item_sink_t &sink);
+
+    /* Runs a download with `host` as its other side.  `known_size` -1: not known.  The path as for
+     * list(). */
+    std::optional<failure_t> send(const std::string &path, std::int64_t known_size,
+                                  operation_host_t &host);
+
+    /* What the storage announced when it was opened, "NAME:NUMBER;" for each checksum. */
+    const std::string &checksums() const { return checksums_; }
+
+    /* For the hosts of operations. */
+    session_settings_t &settings() { return *this; }
+
+  private:
+    char *setting(std::string_view key) override;
+    void announce_checksums(std::string_view support) override;
+
+    void close();
+    bool changed_by_others(const std::string &path) const;
+    bool expired() const;
+    /* Opens the session, or opens it anew, where that is needed before an operation on `path`. */
+    std::optional<failure_t> refresh(const std::string &path, bool &changed);
+    std::optional<failure_t> with_credential_reason(std::optional<failure_t> failure);
+    std::variant<item_t, failure_t> stat_once(const std::string &path);
+    std::string credential_text();
+    template <typename run_t>
+    std::optional<failure_t> run(operation_host_t &host, const run_t &run_entry);
+
+    setup_t setup_;
+    std::optional<credential_source_t> credential_;
+    bool is_open_ = false;
+    void *handle_ = nullptr; /* the storage's own; may be null in an open session */
+    std::string home_ = "/";
+    std::uint64_t change_position_ = 0;
+    std::chrono::steady_clock::time_point opened_at_;
+    std::deque<std::string> settings_given_; /* texts that the running operation holds */
+    std::string credential_reason_;          /* why the running operation got no credential */
+    std::string checksums_;
+};
+
+} // namespace tirval::server
+
+#endif
