@@ -21,12 +21,14 @@ class Trace(harness.EndToEnd):
         cls.addClassCleanup(shutil.rmtree, trace, ignore_errors=True)
 
     def test_every_step_writes_whole_lines(self):
+        before = len(self.trace.read_text())
         ftp = self.connect()
         self.names(ftp, "/My files")
         self.retrieve(ftp, "hello.txt")
         ftp.quit()
-        harness.wait_for(lambda: "tirval_i_onedrive_destroy: exit" in self.trace.read_text(), "the session's end")
-        lines = self.trace.read_text().splitlines()
+        harness.wait_for(lambda: "tirval_i_onedrive_destroy: exit" in self.trace.read_text()[before:],
+                         "the session's end")
+        lines = self.trace.read_text()[before:].splitlines()
         form = re.compile(r"^OneDrive: (TRACE|DEBUG| INFO| WARN|ERROR): \d+: [a-z_]+: .+$")
         self.assertEqual([line for line in lines if not form.match(line)], [])
         for function in ("tirval_i_onedrive_start", "tirval_onedrive_update_token", "tirval_i_onedrive_stat",

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -31,7 +33,8 @@ class temporary_file {
   public:
     explicit temporary_file(const std::string &text)
     {
-        std::string name = (std::filesystem::temp_directory_path() / "content_test.XXXXXX").string();
+        std::string name =
+            (std::filesystem::temp_directory_path() / "content_test.XXXXXX").string();
         close(mkstemp(name.data()));
         path_ = name;
         std::ofstream(path_, std::ios::binary) << text;
@@ -50,11 +53,13 @@ class temporary_file {
 TEST(PatternContent, CycleCountsModulo251FromItsShift)
 {
     const auto data = pattern_content(10'000'000'000, "cycle+5");
-    for (const std::uint64_t offset : {std::uint64_t{0}, std::uint64_t{250}, std::uint64_t{4'294'967'296},
-                                       std::uint64_t{9'999'999'000}}) {
+    for (const std::uint64_t offset :
+         {std::uint64_t{0}, std::uint64_t{250}, std::uint64_t{4'294'967'296},
+          std::uint64_t{9'999'999'000}}) {
         const std::string bytes = slice(*data, offset, 600);
         for (size_t i = 0; i < bytes.size(); ++i) {
-            ASSERT_EQ(static_cast<unsigned char>(bytes[i]), (offset + i + 5) % 251) << offset << " " << i;
+            ASSERT_EQ(static_cast<unsigned char>(bytes[i]), (offset + i + 5) % 251)
+                << offset << " " << i;
         }
     }
 }
@@ -84,7 +89,8 @@ TEST(PatternContent, RandomIsTheSameHoweverItIsRead)
 
 TEST(PatternContent, RefusesUnknownPatterns)
 {
-    for (const char *pattern : {"", "cycles", "cycle+", "cycle+x", "cycle+1x", "random-1", "zero+1"}) {
+    for (const char *pattern :
+         {"", "cycles", "cycle+", "cycle+x", "cycle+1x", "random-1", "zero+1"}) {
         EXPECT_EQ(pattern_content(10, pattern), nullptr) << pattern;
     }
 }

@@ -11,11 +11,14 @@ namespace {
 std::vector<int> met_of_ten(const std::string &match)
 {
     fault_set set;
-    const json rule = json::parse(R"({"match": )" + match + R"(, "action": {"status": 500}})", "rule");
+    const json rule =
+        json::parse(R"({"match": )" + match + R"(, "action": {"status": 500}})", "rule");
     set.add(rule.get(), "rule: /");
     std::vector<int> met;
     for (int i = 1; i <= 10; ++i) {
-        if (set.pick({"GET", "/v1.0/me/drive/root:/a b:/children", "/v1.0/me/drive/root:/a%20b:/children?$top=1", request_kind::listing, "alice"})) {
+        if (set.pick({"GET", "/v1.0/me/drive/root:/a b:/children",
+                      "/v1.0/me/drive/root:/a%20b:/children?$top=1", request_kind::listing,
+                      "alice"})) {
             met.push_back(i);
         }
     }
@@ -50,12 +53,16 @@ TEST(FaultMatch, CountsRequestsFromTheFirst)
 
 TEST(FaultMatch, LooksAtEveryPartOfTheRequest)
 {
-    for (const char *match : {R"({"method": "GET"})", R"({"kind": "listing"})", R"({"kind": ["item", "listing"]})", R"({"account": "alice"})",
-                              R"({"path": "a b:/children$"})", R"({"target": "top=1"})", R"({"glob": "*/root:/a b:*"})"}) {
+    for (const char *match :
+         {R"({"method": "GET"})", R"({"kind": "listing"})", R"({"kind": ["item", "listing"]})",
+          R"({"account": "alice"})", R"({"path": "a b:/children$"})", R"({"target": "top=1"})",
+          R"({"glob": "*/root:/a b:*"})"}) {
         EXPECT_EQ(met_of_ten(match).size(), 10U) << match;
     }
-    for (const char *match : {R"({"method": "PUT"})", R"({"kind": "item"})", R"({"account": "bob"})", R"({"path": "a%20b"})", R"({"target": "a b"})",
-                              R"({"glob": "*/root:/a"})", R"({"method": "GET", "kind": "item"})"}) {
+    for (const char *match :
+         {R"({"method": "PUT"})", R"({"kind": "item"})", R"({"account": "bob"})",
+          R"({"path": "a%20b"})", R"({"target": "a b"})", R"({"glob": "*/root:/a"})",
+          R"({"method": "GET", "kind": "item"})"}) {
         EXPECT_EQ(met_of_ten(match).size(), 0U) << match;
     }
 }
@@ -71,8 +78,12 @@ TEST(FaultMatch, ChanceIsRepeatable)
 TEST(FaultMatch, TheFirstRuleThatIsDueFires)
 {
     fault_set set;
-    set.add(json::parse(R"({"rules": [{"name": "once", "match": {"count": 1}, "action": {"status": 500}},
-                                      {"action": {"status": 503}}]})", "rules").get(), "rules: /");
+    set.add(json::parse(
+                R"({"rules": [{"name": "once", "match": {"count": 1}, "action": {"status": 500}},
+                                      {"action": {"status": 503}}]})",
+                "rules")
+                .get(),
+            "rules: /");
     const fault_subject subject{"GET", "/", "/", request_kind::other, ""};
     EXPECT_EQ(set.pick(subject)->rule, "once");
     EXPECT_EQ(set.pick(subject)->rule, "rule-2");
@@ -83,28 +94,39 @@ TEST(FaultMatch, TheFirstRuleThatIsDueFires)
 
 TEST(FaultRules, ThatAreWrongAreRefusedWithTheirPlace)
 {
-    EXPECT_EQ(refusal(R"({"rules": [{"action": {}}, {"match": {}}]})"), "rules: /rules/1: \"action\" is missing");
-    EXPECT_EQ(refusal(R"({"rules": [{"action": {"stauts": 500}}]})"), "rules: /rules/0/action: \"stauts\" is not known here");
-    EXPECT_EQ(refusal(R"({"rules": [{"action": {"status": 99}}]})"), "rules: /rules/0/action: \"status\" a whole number from 200 to 599 is needed");
-    EXPECT_THAT(refusal(R"({"rules": [{"match": {"kind": "lsiting"}, "action": {}}]})"), testing::HasSubstr("names no kind of request: \"lsiting\""));
-    EXPECT_THAT(refusal(R"({"match": {"path": "("}, "action": {}})"), testing::HasSubstr("\"path\" is not a regular expression"));
-    EXPECT_THAT(refusal(R"({"match": {"probability": 2}, "action": {}})"), testing::HasSubstr("\"probability\" a number from 0 to 1"));
-    EXPECT_THAT(refusal(R"({"action": {"garbage": "rubbish"}})"), testing::HasSubstr("names no kind of damage"));
-    EXPECT_THAT(refusal(R"({"action": {"headers": {"A": 1}}})"), testing::HasSubstr("\"headers\" holds texts"));
+    EXPECT_EQ(refusal(R"({"rules": [{"action": {}}, {"match": {}}]})"),
+              "rules: /rules/1: \"action\" is missing");
+    EXPECT_EQ(refusal(R"({"rules": [{"action": {"stauts": 500}}]})"),
+              "rules: /rules/0/action: \"stauts\" is not known here");
+    EXPECT_EQ(refusal(R"({"rules": [{"action": {"status": 99}}]})"),
+              "rules: /rules/0/action: \"status\" a whole number from 200 to 599 is needed");
+    EXPECT_THAT(refusal(R"({"rules": [{"match": {"kind": "lsiting"}, "action": {}}]})"),
+                testing::HasSubstr("names no kind of request: \"lsiting\""));
+    EXPECT_THAT(refusal(R"({"match": {"path": "("}, "action": {}})"),
+                testing::HasSubstr("\"path\" is not a regular expression"));
+    EXPECT_THAT(refusal(R"({"match": {"probability": 2}, "action": {}})"),
+                testing::HasSubstr("\"probability\" a number from 0 to 1"));
+    EXPECT_THAT(refusal(R"({"action": {"garbage": "rubbish"}})"),
+                testing::HasSubstr("names no kind of damage"));
+    EXPECT_THAT(refusal(R"({"action": {"headers": {"A": 1}}})"),
+                testing::HasSubstr("\"headers\" holds texts"));
     EXPECT_THAT(refusal(R"([])"), testing::HasSubstr("an object is needed here"));
 }
 
 TEST(FaultRules, AWrongOneAddsNoneOfItsList)
 {
     sim service;
-    service.control("POST", "faults", R"({"rules": [{"action": {"status": 500}}, {"action": {"x": 1}}]})", 400);
+    service.control("POST", "faults",
+                    R"({"rules": [{"action": {"status": 500}}, {"action": {"x": 1}}]})", 400);
     EXPECT_EQ(service.get("alice", "/v1.0/me").status, 200U);
 }
 
 TEST(FaultActions, AStatusBringsTheUsualBodyOfTheService)
 {
     sim service;
-    service.control("POST", "faults", R"({"match": {"kind": "listing", "count": 1}, "action": {"status": 503, "headers": {"Retry-After": "7"}}})");
+    service.control(
+        "POST", "faults",
+        R"({"match": {"kind": "listing", "count": 1}, "action": {"status": 503, "headers": {"Retry-After": "7"}}})");
     const response reply = service.get("alice", "/v1.0/me/drive/root/children");
     EXPECT_EQ(reply.status, 503U);
     EXPECT_EQ(*reply.headers.find("Retry-After"), "7");
@@ -116,7 +138,9 @@ TEST(FaultActions, ATransferHostFailsWithoutABodyUnlessOneIsGiven)
 {
     sim service;
     const std::string target = service.download_target("alice", hello);
-    service.control("POST", "faults", R"({"rules": [{"match": {"kind": "download", "count": 1}, "action": {"status": 410}},
+    service.control(
+        "POST", "faults",
+        R"({"rules": [{"match": {"kind": "download", "count": 1}, "action": {"status": 410}},
         {"match": {"kind": "download"}, "action": {"status": 503, "html": true}}]})");
     const response bare = service.send("GET", target).reply;
     EXPECT_EQ(bare.status, 410U);
@@ -130,7 +154,9 @@ TEST(FaultActions, ATransferHostFailsWithoutABodyUnlessOneIsGiven)
 TEST(FaultActions, AHeaderCanBeTakenAwayOrReplaced)
 {
     sim service;
-    service.control("POST", "faults", R"({"rules": [{"match": {"kind": "content", "count": 1}, "action": {"headers": {"Location": null}}},
+    service.control(
+        "POST", "faults",
+        R"({"rules": [{"match": {"kind": "content", "count": 1}, "action": {"headers": {"Location": null}}},
         {"match": {"kind": "content"}, "action": {"headers": {"location": "http://elsewhere.test/"}}}]})");
     const response missing = service.get("alice", hello);
     EXPECT_EQ(missing.status, 302U);
@@ -141,7 +167,9 @@ TEST(FaultActions, AHeaderCanBeTakenAwayOrReplaced)
 TEST(FaultActions, ABodyReplacesTheAnswersOwn)
 {
     sim service;
-    service.control("POST", "faults", R"({"rules": [{"match": {"count": 1}, "action": {"body": {"value": {}}}}, {"match": {"count": 1}, "action": {"body": ""}},
+    service.control(
+        "POST", "faults",
+        R"({"rules": [{"match": {"count": 1}, "action": {"body": {"value": {}}}}, {"match": {"count": 1}, "action": {"body": ""}},
         {"match": {"count": 1}, "action": {"body_repeat": {"text": "[", "times": 1000}}}]})");
     EXPECT_EQ(service.get("alice", "/v1.0/me/drive/root/children").body, R"({"value":{}})");
     EXPECT_EQ(service.get("alice", "/v1.0/me/drive/root/children").body, "");
@@ -173,9 +201,12 @@ TEST(FaultActions, PagesAreShortenedEmptiedAndMisdirected)
     const std::string link(shortened.at("@odata.nextLink").as_text());
     const json empty = service.get_json("alice", link.substr(17));
     EXPECT_TRUE(names_of(empty).empty());
-    EXPECT_EQ(empty.at("@odata.nextLink").as_text(), link) << "the next page starts where the empty one did";
-    EXPECT_EQ(service.get_json("alice", target).at("@odata.nextLink").as_text(), "http://graph.test" + target);
-    EXPECT_THAT(std::string(service.get_json("alice", target).at("@odata.nextLink").as_text()), testing::StartsWith("https://other-host.invalid/v1.0/"));
+    EXPECT_EQ(empty.at("@odata.nextLink").as_text(), link)
+        << "the next page starts where the empty one did";
+    EXPECT_EQ(service.get_json("alice", target).at("@odata.nextLink").as_text(),
+              "http://graph.test" + target);
+    EXPECT_THAT(std::string(service.get_json("alice", target).at("@odata.nextLink").as_text()),
+                testing::StartsWith("https://other-host.invalid/v1.0/"));
     EXPECT_FALSE(service.get_json("alice", target).at("@odata.nextLink"));
     EXPECT_EQ(service.get_json("alice", target).at("@odata.nextLink").as_text(), "http://x.test/");
 }
@@ -183,17 +214,23 @@ TEST(FaultActions, PagesAreShortenedEmptiedAndMisdirected)
 TEST(FaultActions, AnEmptyFirstPageLosesNothing)
 {
     sim service;
-    service.control("POST", "faults", R"({"match": {"kind": "listing", "count": 1}, "action": {"empty_page": true}})");
+    service.control(
+        "POST", "faults",
+        R"({"match": {"kind": "listing", "count": 1}, "action": {"empty_page": true}})");
     const json empty = service.get_json("alice", "/v1.0/me/drive/root/children");
     EXPECT_TRUE(names_of(empty).empty());
-    EXPECT_EQ(names_of(service.get_json("alice", std::string(empty.at("@odata.nextLink").as_text()).substr(17))).size(), 7U);
+    EXPECT_EQ(names_of(service.get_json(
+                           "alice", std::string(empty.at("@odata.nextLink").as_text()).substr(17)))
+                  .size(),
+              7U);
 }
 
 TEST(FaultActions, DownloadsIgnoreRangesAndChangeTheirLength)
 {
     sim service;
     const std::string target = service.download_target("alice", hello);
-    service.control("POST", "faults", R"({"rules": [{"match": {"count": 1}, "action": {"ignore_range": true}},
+    service.control("POST", "faults",
+                    R"({"rules": [{"match": {"count": 1}, "action": {"ignore_range": true}},
         {"match": {"count": 1}, "action": {"length_change": 3}}, {"match": {"count": 1}, "action": {"length_change": -1}},
         {"match": {"count": 1}, "action": {"headers": {"Content-Range": "bytes 5-7/11"}}}]})");
     const header_list range{{"Range", "bytes=2-4"}};
@@ -213,12 +250,17 @@ TEST(FaultActions, WithoutExecuteTheRequestIsNotCarriedOut)
     sim service;
     const std::string body = "grant_type=refresh_token&client_id=c&refresh_token=alice-refresh";
     service.control("POST", "settings", R"({"old_refresh_token_works": false})");
-    service.control("POST", "faults", R"({"rules": [{"match": {"kind": "token", "count": 1}, "action": {"status": 503}},
+    service.control(
+        "POST", "faults",
+        R"({"rules": [{"match": {"kind": "token", "count": 1}, "action": {"status": 503}},
         {"match": {"kind": "token", "count": 1}, "action": {"status": 503, "execute": true}}]})");
-    const auto renew = [&] { return service.send("POST", "/common/oauth2/v2.0/token", {}, body).reply; };
+    const auto renew = [&] {
+        return service.send("POST", "/common/oauth2/v2.0/token", {}, body).reply;
+    };
     EXPECT_EQ(renew().status, 503U);
     EXPECT_EQ(renew().status, 503U);
-    EXPECT_THAT(renew().body, testing::HasSubstr("invalid_grant")) << "the second one used the token up";
+    EXPECT_THAT(renew().body, testing::HasSubstr("invalid_grant"))
+        << "the second one used the token up";
 }
 
 TEST(FaultActions, TheRecordNamesTheRule)

@@ -27,7 +27,8 @@ TEST(Authorization, IsNeededAndCheckedBeforeAnythingElse)
         const response reply = service.send("GET", "/v1.0/me/drive/root:/nowhere", headers).reply;
         EXPECT_EQ(reply.status, 401U);
         ASSERT_NE(reply.headers.find("WWW-Authenticate"), nullptr);
-        EXPECT_THAT(*reply.headers.find("WWW-Authenticate"), testing::StartsWith("Bearer realm=\"\""));
+        EXPECT_THAT(*reply.headers.find("WWW-Authenticate"),
+                    testing::StartsWith("Bearer realm=\"\""));
         EXPECT_THAT(reply.body, testing::HasSubstr(R"("code":"InvalidAuthenticationToken")"));
     }
 }
@@ -45,7 +46,8 @@ TEST(Authorization, AnExpiredTokenSaysSo)
 TEST(Errors, HaveTheServicesShape)
 {
     sim service;
-    const response reply = service.get("alice", "/v1.0/me/drive/root:/nowhere", {{"client-request-id", "my-id"}});
+    const response reply =
+        service.get("alice", "/v1.0/me/drive/root:/nowhere", {{"client-request-id", "my-id"}});
     EXPECT_EQ(reply.status, 404U);
     EXPECT_EQ(*reply.headers.find("Content-Type"), "application/json");
     EXPECT_EQ(*reply.headers.find("client-request-id"), "my-id");
@@ -54,17 +56,23 @@ TEST(Errors, HaveTheServicesShape)
     EXPECT_EQ(text_at(error, {"message"}), "The resource could not be found.");
     EXPECT_EQ(text_at(error, {"innerError", "client-request-id"}), "my-id");
     EXPECT_EQ(text_at(error, {"innerError", "date"}).size(), 19U);
-    EXPECT_EQ(text_at(service.get_json("bob", "/v1.0/me/drive/root:/nowhere", 404), {"error", "message"}), "Item does not exist");
+    EXPECT_EQ(
+        text_at(service.get_json("bob", "/v1.0/me/drive/root:/nowhere", 404), {"error", "message"}),
+        "Item does not exist");
 }
 
 TEST(Items, OneItemIsReachedByEveryForm)
 {
     sim service;
-    const std::string id = text_at(service.get_json("alice", "/v1.0/me/drive/root:/Documents/100%25%20done.txt"), {"id"});
+    const std::string id = text_at(
+        service.get_json("alice", "/v1.0/me/drive/root:/Documents/100%25%20done.txt"), {"id"});
     const std::string drive = text_at(service.get_json("alice", "/v1.0/me/drive"), {"id"});
-    const std::string folder = text_at(service.get_json("alice", "/v1.0/me/drive/root:/documents:"), {"id"});
-    for (const std::string &path : {"/me/drive/items/" + id, "/drives/" + drive + "/items/" + id, "/drives/" + drive + "/root:/DOCUMENTS/100%25%20DONE.TXT:",
-                                    "/drives/" + drive + "/items/" + folder + ":/100%25%20done.txt", "/users/alice@contoso.example/drive/items/" + id}) {
+    const std::string folder =
+        text_at(service.get_json("alice", "/v1.0/me/drive/root:/documents:"), {"id"});
+    for (const std::string &path : {"/me/drive/items/" + id, "/drives/" + drive + "/items/" + id,
+                                    "/drives/" + drive + "/root:/DOCUMENTS/100%25%20DONE.TXT:",
+                                    "/drives/" + drive + "/items/" + folder + ":/100%25%20done.txt",
+                                    "/users/alice@contoso.example/drive/items/" + id}) {
         EXPECT_EQ(text_at(service.get_json("alice", "/v1.0" + path), {"id"}), id) << path;
     }
 }
@@ -89,9 +97,12 @@ TEST(Items, APersonalFileHasFractionsAndMoreHashes)
 {
     sim service;
     const json file = service.get_json("bob", "/v1.0/me/drive/root:/notes.txt");
-    EXPECT_EQ(text_at(file, {"fileSystemInfo", "lastModifiedDateTime"}), "2024-03-01T00:00:00.753Z");
-    EXPECT_THAT(text_at(file, {"file", "hashes", "sha1Hash"}), testing::MatchesRegex("[0-9A-F]{40}"));
-    EXPECT_THAT(text_at(file, {"file", "hashes", "sha256Hash"}), testing::MatchesRegex("[0-9A-F]{64}"));
+    EXPECT_EQ(text_at(file, {"fileSystemInfo", "lastModifiedDateTime"}),
+              "2024-03-01T00:00:00.753Z");
+    EXPECT_THAT(text_at(file, {"file", "hashes", "sha1Hash"}),
+                testing::MatchesRegex("[0-9A-F]{40}"));
+    EXPECT_THAT(text_at(file, {"file", "hashes", "sha256Hash"}),
+                testing::MatchesRegex("[0-9A-F]{64}"));
     EXPECT_THAT(text_at(file, {"id"}), testing::MatchesRegex("[0-9A-F]{16}![0-9]+"));
     EXPECT_THAT(text_at(file, {"eTag"}), testing::Not(testing::HasSubstr("\"")));
     EXPECT_EQ(text_at(file, {"parentReference", "path"}), "/drive/root:");
@@ -111,22 +122,27 @@ TEST(Items, ABusinessRootHasNoTagsAndAPersonalOneHas)
 TEST(Items, PathEncodingComesBackInTheParentsPath)
 {
     sim service;
-    const json nested = service.get_json("alice", "/v1.0/me/drive/root:/Documents/Deep/deeper/and%20deeper/bottom.txt");
-    EXPECT_THAT(text_at(nested, {"parentReference", "path"}), testing::EndsWith("/root:/Documents/Deep/deeper/and%20deeper"));
+    const json nested = service.get_json(
+        "alice", "/v1.0/me/drive/root:/Documents/Deep/deeper/and%20deeper/bottom.txt");
+    EXPECT_THAT(text_at(nested, {"parentReference", "path"}),
+                testing::EndsWith("/root:/Documents/Deep/deeper/and%20deeper"));
 }
 
 TEST(Items, AnEmptyPathBehindTheRootDependsOnTheStore)
 {
     sim service;
-    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/:/children", 400), "invalidRequest");
+    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/:/children", 400),
+              "invalidRequest");
     EXPECT_EQ(service.get("bob", "/v1.0/me/drive/root:/:/children").status, 200U);
 }
 
 TEST(Items, AnUnchangedItemIsNotSentAgain)
 {
     sim service;
-    const std::string tag = text_at(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt"), {"cTag"});
-    for (const char *target : {"/v1.0/me/drive/root:/hello.txt", "/v1.0/me/drive/root:/hello.txt:/content"}) {
+    const std::string tag =
+        text_at(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt"), {"cTag"});
+    for (const char *target :
+         {"/v1.0/me/drive/root:/hello.txt", "/v1.0/me/drive/root:/hello.txt:/content"}) {
         const response reply = service.get("alice", target, {{"If-None-Match", tag}});
         EXPECT_EQ(reply.status, 304U);
         EXPECT_TRUE(reply.body.empty());
@@ -137,7 +153,8 @@ TEST(Items, ListingsTellFilesFromFolders)
 {
     sim service;
     const json page = service.get_json("alice", "/v1.0/me/drive/root/children");
-    EXPECT_THAT(names_of(page), testing::ElementsAre("Data", "Documents", "empty.dat", "hello.txt", "Many", "Small files", "Welcome.txt"));
+    EXPECT_THAT(names_of(page), testing::ElementsAre("Data", "Documents", "empty.dat", "hello.txt",
+                                                     "Many", "Small files", "Welcome.txt"));
     const json data = json::share(json_array_get(page.at("value").get(), 0));
     EXPECT_EQ(data.at("folder").at("childCount").as_integer(), 4);
     EXPECT_EQ(data.at("size").as_integer(), 5379194909);
@@ -146,8 +163,10 @@ TEST(Items, ListingsTellFilesFromFolders)
 TEST(Items, ListingAFileGivesAnEmptyPage)
 {
     sim service;
-    EXPECT_TRUE(names_of(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt:/children")).empty());
-    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/nowhere:/children", 404), "itemNotFound");
+    EXPECT_TRUE(
+        names_of(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt:/children")).empty());
+    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/nowhere:/children", 404),
+              "itemNotFound");
 }
 
 TEST(Sharing, TheSharedItemIsReachedThroughItsOwnersDrive)
@@ -157,8 +176,10 @@ TEST(Sharing, TheSharedItemIsReachedThroughItsOwnersDrive)
     const json remote = json::share(json_array_get(page.at("value").get(), 0)).at("remoteItem");
     EXPECT_EQ(text_at(remote, {"name"}), "Projects");
     EXPECT_TRUE(remote.at("folder"));
-    const std::string start = "/v1.0/drives/" + text_at(remote, {"parentReference", "driveId"}) + "/items/" + text_at(remote, {"id"});
-    EXPECT_THAT(names_of(service.get_json("alice", start + "/children")), testing::ElementsAre("Phase 1", "plan.md", "raw.bin"));
+    const std::string start = "/v1.0/drives/" + text_at(remote, {"parentReference", "driveId"}) +
+                              "/items/" + text_at(remote, {"id"});
+    EXPECT_THAT(names_of(service.get_json("alice", start + "/children")),
+                testing::ElementsAre("Phase 1", "plan.md", "raw.bin"));
     EXPECT_EQ(service.get("alice", start + ":/Phase%201/results%20%231.csv:/content").status, 302U);
 }
 
@@ -166,19 +187,25 @@ TEST(Sharing, TheRestOfTheOwnersDriveStaysHidden)
 {
     sim service;
     const std::string drive = text_at(service.get_json("carol", "/v1.0/me/drive"), {"id"});
-    const std::string secret = text_at(service.get_json("carol", "/v1.0/me/drive/root:/private.txt"), {"id"});
-    EXPECT_EQ(service.error_code("alice", "/v1.0/drives/" + drive + "/root:/private.txt", 404), "itemNotFound");
-    EXPECT_EQ(service.error_code("alice", "/v1.0/drives/" + drive + "/root/children", 404), "itemNotFound");
-    EXPECT_EQ(service.error_code("alice", "/v1.0/drives/" + drive + "/items/" + secret, 404), "itemNotFound");
+    const std::string secret =
+        text_at(service.get_json("carol", "/v1.0/me/drive/root:/private.txt"), {"id"});
+    EXPECT_EQ(service.error_code("alice", "/v1.0/drives/" + drive + "/root:/private.txt", 404),
+              "itemNotFound");
+    EXPECT_EQ(service.error_code("alice", "/v1.0/drives/" + drive + "/root/children", 404),
+              "itemNotFound");
+    EXPECT_EQ(service.error_code("alice", "/v1.0/drives/" + drive + "/items/" + secret, 404),
+              "itemNotFound");
     EXPECT_EQ(service.error_code("bob", "/v1.0/drives/" + drive + "/root", 403), "accessDenied");
-    EXPECT_EQ(service.error_code("bob", "/v1.0/users/carol@contoso.example/drive", 403), "accessDenied");
+    EXPECT_EQ(service.error_code("bob", "/v1.0/users/carol@contoso.example/drive", 403),
+              "accessDenied");
     EXPECT_EQ(service.error_code("alice", "/v1.0/drives/b!nothing/root", 404), "itemNotFound");
 }
 
 TEST(Sharing, ADeletedItemLeavesTheList)
 {
     sim service;
-    service.control("POST", "items", R"({"account": "carol", "path": "/Projects", "remove": true})");
+    service.control("POST", "items",
+                    R"({"account": "carol", "path": "/Projects", "remove": true})");
     const json page = service.get_json("alice", "/v1.0/me/drive/sharedWithMe");
     EXPECT_THAT(names_of(page), testing::ElementsAre("Budget 2024.csv"));
 }
@@ -186,25 +213,34 @@ TEST(Sharing, ADeletedItemLeavesTheList)
 TEST(Sites, LeadFromTheFollowedSiteToItsLibraries)
 {
     sim service;
-    const json page = service.get_json("alice", "/v1.0/me/followedSites?$select=displayName,sharepointIds&$top=100");
+    const json page = service.get_json(
+        "alice", "/v1.0/me/followedSites?$select=displayName,sharepointIds&$top=100");
     const json site = json::share(json_array_get(page.at("value").get(), 0));
     EXPECT_EQ(text_at(site, {"displayName"}), "Team A");
     EXPECT_FALSE(site.at("name"));
     const std::string id = text_at(site, {"sharepointIds", "siteId"});
-    const json drives = service.get_json("alice", "/v1.0/sites/" + id + "/drives?$select=id,lastmodifiedDateTime,name,driveType");
+    const json drives = service.get_json(
+        "alice", "/v1.0/sites/" + id + "/drives?$select=id,lastmodifiedDateTime,name,driveType");
     EXPECT_THAT(names_of(drives), testing::ElementsAre("Documents", "Archive"));
     const json library = json::share(json_array_get(drives.at("value").get(), 0));
     EXPECT_EQ(text_at(library, {"driveType"}), "documentLibrary");
     EXPECT_EQ(text_at(library, {"lastModifiedDateTime"}), "2024-05-02T09:12:03Z");
-    EXPECT_THAT(names_of(service.get_json("alice", "/v1.0/drives/" + text_at(library, {"id"}) + "/root/children")), testing::ElementsAre("Agenda.md", "Minutes"));
-    EXPECT_EQ(text_at(service.get_json("alice", "/v1.0/sites/" + id + "/drive"), {"name"}), "Documents");
-    EXPECT_EQ(text_at(service.get_json("alice", "/v1.0/sites/contoso.sharepoint.com:/sites/team-a"), {"displayName"}), "Team A");
+    EXPECT_THAT(names_of(service.get_json("alice", "/v1.0/drives/" + text_at(library, {"id"}) +
+                                                       "/root/children")),
+                testing::ElementsAre("Agenda.md", "Minutes"));
+    EXPECT_EQ(text_at(service.get_json("alice", "/v1.0/sites/" + id + "/drive"), {"name"}),
+              "Documents");
+    EXPECT_EQ(text_at(service.get_json("alice", "/v1.0/sites/contoso.sharepoint.com:/sites/team-a"),
+                      {"displayName"}),
+              "Team A");
 }
 
 TEST(Sites, AreClosedToThoseWhoDoNotFollowAndToConsumers)
 {
     sim service;
-    EXPECT_EQ(service.error_code("carol", "/v1.0/sites/contoso.sharepoint.com:/sites/research:/drives", 403), "accessDenied");
+    EXPECT_EQ(service.error_code("carol",
+                                 "/v1.0/sites/contoso.sharepoint.com:/sites/research:/drives", 403),
+              "accessDenied");
     EXPECT_EQ(service.error_code("alice", "/v1.0/sites/nothing/drives", 404), "itemNotFound");
     EXPECT_EQ(service.error_code("bob", "/v1.0/me/followedSites", 400), "BadRequest");
 }
@@ -214,10 +250,13 @@ TEST(Drives, TellTheirKindAndQuota)
     sim service;
     const json drive = service.get_json("alice", "/v1.0/me/drive");
     EXPECT_EQ(text_at(drive, {"driveType"}), "business");
-    EXPECT_EQ(drive.at("quota").at("remaining").as_integer() + drive.at("quota").at("used").as_integer(), 1'099'511'627'776);
+    EXPECT_EQ(drive.at("quota").at("remaining").as_integer() +
+                  drive.at("quota").at("used").as_integer(),
+              1'099'511'627'776);
     EXPECT_EQ(text_at(service.get_json("bob", "/v1.0/me/drive"), {"driveType"}), "personal");
     EXPECT_EQ(json_array_size(service.get_json("alice", "/v1.0/me/drives").at("value").get()), 1U);
-    EXPECT_EQ(text_at(service.get_json("alice", "/v1.0/me"), {"userPrincipalName"}), "alice@contoso.example");
+    EXPECT_EQ(text_at(service.get_json("alice", "/v1.0/me"), {"userPrincipalName"}),
+              "alice@contoso.example");
 }
 
 TEST(Drives, APersonalDriveIdMatchesWithoutCase)
@@ -230,7 +269,8 @@ TEST(Drives, APersonalDriveIdMatchesWithoutCase)
 TEST(Content, RedirectsToAnAddressThatServesTheBytes)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
     EXPECT_THAT(target, testing::StartsWith("/_download/"));
     const response reply = service.send("GET", target).reply;
     EXPECT_EQ(reply.status, 200U);
@@ -241,8 +281,10 @@ TEST(Content, RedirectsToAnAddressThatServesTheBytes)
 TEST(Content, RangesAreHonoured)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/Data/four-GiB.bin:/content");
-    const response reply = service.send("GET", target, {{"Range", "bytes=4294967290-4294967299"}}).reply;
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/Data/four-GiB.bin:/content");
+    const response reply =
+        service.send("GET", target, {{"Range", "bytes=4294967290-4294967299"}}).reply;
     EXPECT_EQ(reply.status, 206U);
     EXPECT_EQ(*reply.headers.find("Content-Range"), "bytes 4294967290-4294967295/4294967296");
     std::string expected;
@@ -255,7 +297,8 @@ TEST(Content, RangesAreHonoured)
 TEST(Content, ARangeBehindTheEndIs416)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
     const response reply = service.send("GET", target, {{"Range", "bytes=11-"}}).reply;
     EXPECT_EQ(reply.status, 416U);
     EXPECT_EQ(*reply.headers.find("Content-Range"), "bytes */11");
@@ -264,7 +307,8 @@ TEST(Content, ARangeBehindTheEndIs416)
 TEST(Content, TheDownloadAddressRefusesABearer)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
     EXPECT_EQ(service.get("alice", target).status, 401U);
     service.control("POST", "settings", R"({"download_refuses_bearer": false})");
     EXPECT_EQ(service.get("alice", target).status, 200U);
@@ -273,7 +317,8 @@ TEST(Content, TheDownloadAddressRefusesABearer)
 TEST(Content, TheDownloadAddressIsTakenOnlyAsItWasGiven)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
     std::string changed = target;
     changed.replace(changed.find("Translate=false&"), 16, "");
     EXPECT_EQ(service.send("GET", changed + "&Translate=false").reply.status, 401U);
@@ -287,9 +332,14 @@ TEST(Content, TheDownloadAddressExpires)
 {
     sim service;
     service.control("POST", "settings", R"({"download_lifetime_s": 0})");
-    EXPECT_EQ(service.send("GET", service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content")).reply.status, 401U);
+    EXPECT_EQ(service
+                  .send("GET",
+                        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content"))
+                  .reply.status,
+              401U);
     service.control("POST", "settings", R"({"download_lifetime_s": 60})");
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
     EXPECT_EQ(service.send("GET", target).reply.status, 200U);
     service.control("POST", "settings", R"({"revoke_downloads": true})");
     EXPECT_EQ(service.send("GET", target).reply.status, 401U);
@@ -298,18 +348,23 @@ TEST(Content, TheDownloadAddressExpires)
 TEST(Content, TheDownloadAddressOfARemovedFileIs404)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
-    service.control("POST", "items", R"({"account": "alice", "path": "/hello.txt", "remove": true})");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
+    service.control("POST", "items",
+                    R"({"account": "alice", "path": "/hello.txt", "remove": true})");
     EXPECT_EQ(service.send("GET", target).reply.status, 404U);
 }
 
 TEST(Content, FoldersAndPackagesHaveNone)
 {
-    sim service(R"({"accounts": [{"name": "alice", "tokens": ["alice-token"], "drive": {"children": [
+    sim service(
+        R"({"accounts": [{"name": "alice", "tokens": ["alice-token"], "drive": {"children": [
         {"name": "folder", "folder": true},
         {"name": "book", "children": [], "extra": {"package": {"type": "oneNote"}, "folder": null}}]}}]})");
-    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/folder:/content", 404), "itemNotFound");
-    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/book:/content", 404), "itemNotFound");
+    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/folder:/content", 404),
+              "itemNotFound");
+    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root:/book:/content", 404),
+              "itemNotFound");
     const json book = service.get_json("alice", "/v1.0/me/drive/root:/book");
     EXPECT_FALSE(book.at("folder"));
     EXPECT_EQ(text_at(book, {"package", "type"}), "oneNote");
@@ -318,7 +373,8 @@ TEST(Content, FoldersAndPackagesHaveNone)
 TEST(Content, AZeroByteFileIsServedAsNothing)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/empty.dat:/content");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/empty.dat:/content");
     const response reply = service.send("GET", target).reply;
     EXPECT_EQ(reply.status, 200U);
     EXPECT_EQ(reply.body_size(), 0U);
@@ -328,7 +384,8 @@ TEST(Content, AZeroByteFileIsServedAsNothing)
 TEST(Listeners, ADownloadListenerServesNothingElse)
 {
     sim service;
-    const std::string target = service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
+    const std::string target =
+        service.download_target("alice", "/v1.0/me/drive/root:/hello.txt:/content");
     service.role = listener_role::service;
     EXPECT_EQ(service.send("GET", target).reply.status, 404U);
     service.role = listener_role::downloads;
@@ -340,15 +397,21 @@ TEST(Listeners, TheDownloadAddressNamesTheOtherListener)
 {
     sim service;
     service.served.use_download_port(4711);
-    EXPECT_THAT(*service.get("alice", "/v1.0/me/drive/root:/hello.txt:/content").headers.find("Location"), testing::StartsWith("http://graph.test:4711/_download/"));
+    EXPECT_THAT(
+        *service.get("alice", "/v1.0/me/drive/root:/hello.txt:/content").headers.find("Location"),
+        testing::StartsWith("http://graph.test:4711/_download/"));
     service.control("POST", "settings", R"({"download_origin": "https://transfer.test"})");
-    EXPECT_THAT(*service.get("alice", "/v1.0/me/drive/root:/hello.txt:/content").headers.find("Location"), testing::StartsWith("https://transfer.test/_download/"));
+    EXPECT_THAT(
+        *service.get("alice", "/v1.0/me/drive/root:/hello.txt:/content").headers.find("Location"),
+        testing::StartsWith("https://transfer.test/_download/"));
 }
 
 TEST(Throttling, AnswersWhatIsOverTheLimitWith429)
 {
     sim service;
-    service.control("POST", "throttle", R"({"account": "alice", "requests_per_second": 0.001, "burst": 2, "retry_after": "2.128"})");
+    service.control(
+        "POST", "throttle",
+        R"({"account": "alice", "requests_per_second": 0.001, "burst": 2, "retry_after": "2.128"})");
     EXPECT_EQ(service.get("alice", "/v1.0/me").status, 200U);
     EXPECT_EQ(service.get("alice", "/v1.0/me").status, 200U);
     const response reply = service.get("alice", "/v1.0/me");

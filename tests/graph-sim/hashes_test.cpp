@@ -74,7 +74,8 @@ TEST(Digests, AgreeWithTheVectorsOfFips180)
     EXPECT_EQ(abc->hashes(3).sha1, "A9993E364706816ABA3E25717850C26C9CD0D89D");
     EXPECT_EQ(abc->hashes(3).sha256,
               "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
-    EXPECT_EQ(abc->sha256_hex(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(abc->sha256_hex(),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
 TEST(Digests, AreLeftOutAboveTheLimit)

@@ -144,7 +144,8 @@ TEST(LegalNames, FollowTheService)
     for (const char *name : {"a", "100% done", "#1", "a;b", ".hidden", "報告", "a'b"}) {
         EXPECT_TRUE(is_legal_name(name)) << name;
     }
-    for (const char *name : {"", ".", "..", "a/b", "a:b", "a*", "a?", "a|b", "<a", "\"", "a\\b", " a", "a ", "a.", "a\n", "\xFF"}) {
+    for (const char *name : {"", ".", "..", "a/b", "a:b", "a*", "a?", "a|b", "<a", "\"", "a\\b",
+                             " a", "a ", "a.", "a\n", "\xFF"}) {
         EXPECT_FALSE(is_legal_name(name)) << name;
     }
 }

@@ -8,7 +8,8 @@ namespace graph_sim {
 
 namespace {
 
-constexpr std::string_view folder_of_650 = R"({"accounts": [{"name": "alice", "tokens": ["alice-token"],
+constexpr std::string_view folder_of_650 =
+    R"({"accounts": [{"name": "alice", "tokens": ["alice-token"],
     "drive": {"children": [
         {"name": "many", "children": [{"generate": {"count": 650, "name": "f ####", "size": 1}}]},
         {"name": "empty", "folder": true},
@@ -16,7 +17,8 @@ constexpr std::string_view folder_of_650 = R"({"accounts": [{"name": "alice", "t
             {"name": "a&b=c%2B+d#", "text": ""}, {"name": "Ä", "text": ""}, {"name": "z", "text": ""}]}]}}]})";
 
 // Follows the next links and returns the number of names on each page.
-std::vector<size_t> page_sizes(sim &service, std::string target, std::vector<std::string> *all = nullptr)
+std::vector<size_t> page_sizes(sim &service, std::string target,
+                               std::vector<std::string> *all = nullptr)
 {
     std::vector<size_t> sizes;
     while (!target.empty() && sizes.size() < 100) {
@@ -41,8 +43,9 @@ TEST(Paging, AFolderOf650ItemsTakesThreePagesOf300)
 {
     sim service(folder_of_650);
     std::vector<std::string> names;
-    EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/many:/children?$top=300&$select=name", &names),
-                testing::ElementsAre(300, 300, 50));
+    EXPECT_THAT(
+        page_sizes(service, "/v1.0/me/drive/root:/many:/children?$top=300&$select=name", &names),
+        testing::ElementsAre(300, 300, 50));
     ASSERT_EQ(names.size(), 650U);
     EXPECT_EQ(names.front(), "f 0001");
     EXPECT_EQ(names.back(), "f 0650");
@@ -52,7 +55,8 @@ TEST(Paging, AFolderOf650ItemsTakesThreePagesOf300)
 TEST(Paging, TheDefaultPageHolds200AndTheLargest1000)
 {
     sim service(folder_of_650);
-    EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/many:/children"), testing::ElementsAre(200, 200, 200, 50));
+    EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/many:/children"),
+                testing::ElementsAre(200, 200, 200, 50));
     service.control("POST", "settings", R"({"largest_page": 100})");
     EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/many:/children?$top=5000"),
                 testing::ElementsAre(100, 100, 100, 100, 100, 100, 50));
@@ -61,16 +65,20 @@ TEST(Paging, TheDefaultPageHolds200AndTheLargest1000)
 TEST(Paging, AFullLastPageHasNoNextLink)
 {
     sim service(folder_of_650);
-    EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/many:/children?$top=650"), testing::ElementsAre(650));
-    EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/empty:/children"), testing::ElementsAre(0));
+    EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/many:/children?$top=650"),
+                testing::ElementsAre(650));
+    EXPECT_THAT(page_sizes(service, "/v1.0/me/drive/root:/empty:/children"),
+                testing::ElementsAre(0));
 }
 
 TEST(Paging, TheNextLinkCarriesTheOptionsAsTheyWereSent)
 {
     sim service(folder_of_650);
-    const json page = service.get_json("alice", "/v1.0/me/drive/root:/many:/children?%24top=2&%24select=name");
+    const json page =
+        service.get_json("alice", "/v1.0/me/drive/root:/many:/children?%24top=2&%24select=name");
     EXPECT_THAT(std::string(page.at("@odata.nextLink").as_text()),
-                testing::StartsWith("http://graph.test/v1.0/me/drive/root:/many:/children?%24top=2&%24select=name&$skiptoken="));
+                testing::StartsWith("http://graph.test/v1.0/me/drive/root:/many:/"
+                                    "children?%24top=2&%24select=name&$skiptoken="));
 }
 
 TEST(Paging, NamesThatNeedEncodingSurviveTheToken)
@@ -85,7 +93,8 @@ TEST(Paging, ItemsThatVanishBetweenPagesCostNoOther)
 {
     sim service(folder_of_650);
     const json page = service.get_json("alice", "/v1.0/me/drive/root:/odd:/children?$top=1");
-    service.control("POST", "items", R"({"account": "alice", "path": "/odd/a&b=c%2B+d#", "remove": true})");
+    service.control("POST", "items",
+                    R"({"account": "alice", "path": "/odd/a&b=c%2B+d#", "remove": true})");
     const std::string link(page.at("@odata.nextLink").as_text());
     EXPECT_THAT(names_of(service.get_json("alice", link.substr(17))), testing::ElementsAre("z"));
 }
@@ -93,8 +102,12 @@ TEST(Paging, ItemsThatVanishBetweenPagesCostNoOther)
 TEST(Paging, ABadTopOrTokenIsRefused)
 {
     sim service(folder_of_650);
-    for (const char *query : {"$top=0", "$top=-1", "$top=x", "$top=", "$skiptoken=MjAx", "$skip=10"}) {
-        EXPECT_EQ(service.error_code("alice", std::string("/v1.0/me/drive/root/children?") + query, 400), "invalidRequest") << query;
+    for (const char *query :
+         {"$top=0", "$top=-1", "$top=x", "$top=", "$skiptoken=MjAx", "$skip=10"}) {
+        EXPECT_EQ(
+            service.error_code("alice", std::string("/v1.0/me/drive/root/children?") + query, 400),
+            "invalidRequest")
+            << query;
     }
 }
 
@@ -112,19 +125,25 @@ TEST(Paging, ListsWithoutNamesPageToo)
 TEST(Select, GivesTheNamedMembersAndTheId)
 {
     sim service;
-    const json got = service.get_json("alice", "/v1.0/me/drive/root:/hello.txt:?$select=size,NAME,unknown");
+    const json got =
+        service.get_json("alice", "/v1.0/me/drive/root:/hello.txt:?$select=size,NAME,unknown");
     std::vector<std::string> members;
     const char *key = nullptr;
     json_t *value = nullptr;
-    json_object_foreach(got.get(), key, value) { members.emplace_back(key); }
+    json_object_foreach(got.get(), key, value)
+    {
+        members.emplace_back(key);
+    }
     EXPECT_THAT(members, testing::UnorderedElementsAre("@odata.context", "id", "name", "size"));
 }
 
 TEST(Select, LeavesTheDownloadAddressOut)
 {
     sim service;
-    EXPECT_TRUE(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt").at("@microsoft.graph.downloadUrl"));
-    EXPECT_FALSE(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt?select=file").at("@microsoft.graph.downloadUrl"));
+    EXPECT_TRUE(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt")
+                    .at("@microsoft.graph.downloadUrl"));
+    EXPECT_FALSE(service.get_json("alice", "/v1.0/me/drive/root:/hello.txt?select=file")
+                     .at("@microsoft.graph.downloadUrl"));
 }
 
 TEST(Ranges, AreCutAtTheEnd)
@@ -135,7 +154,8 @@ TEST(Ranges, AreCutAtTheEnd)
     EXPECT_EQ(range.length, 5U);
     EXPECT_EQ(parse_range("bytes=0-0", 10).length, 1U);
     EXPECT_EQ(parse_range("bytes=9-", 10).length, 1U);
-    EXPECT_EQ(parse_range("bytes=4294967296-4294967297", std::uint64_t{1} << 40).offset, std::uint64_t{1} << 32);
+    EXPECT_EQ(parse_range("bytes=4294967296-4294967297", std::uint64_t{1} << 40).offset,
+              std::uint64_t{1} << 32);
 }
 
 TEST(Ranges, StartingAtTheEndCannotBeSatisfied)
@@ -151,7 +171,8 @@ TEST(Ranges, OtherFormsAreIgnoredAndNonsenseIsRefused)
         EXPECT_EQ(parse_range(text, 10).what, byte_range::kind::whole) << text;
         EXPECT_EQ(parse_range(text, 10).length, 10U) << text;
     }
-    for (const char *text : {"bytes=0--1", "bytes=a-b", "bytes=5", "bytes=5-4", "bytes=1-2x", "bytes= 1-2", "bytes=99999999999999999999-"}) {
+    for (const char *text : {"bytes=0--1", "bytes=a-b", "bytes=5", "bytes=5-4", "bytes=1-2x",
+                             "bytes= 1-2", "bytes=99999999999999999999-"}) {
         EXPECT_EQ(parse_range(text, 10).what, byte_range::kind::malformed) << text;
     }
 }

@@ -26,7 +26,8 @@ std::string refusal(std::string_view method, std::string_view path)
 
 TEST(Routing, ReadsTheFormsOfTheRoot)
 {
-    for (const char *path : {"/v1.0/me/drive/root", "/v1.0/me/drive/items/root", "/v1.0/me/drive/root/"}) {
+    for (const char *path :
+         {"/v1.0/me/drive/root", "/v1.0/me/drive/items/root", "/v1.0/me/drive/root/"}) {
         const route found = parse_route("GET", path);
         EXPECT_EQ(found.kind, request_kind::item) << path;
         EXPECT_EQ(found.item.id, "root");
@@ -36,7 +37,8 @@ TEST(Routing, ReadsTheFormsOfTheRoot)
 
 TEST(Routing, TheClosingColonIsOptional)
 {
-    for (const char *path : {"/v1.0/me/drive/root:/a/b", "/v1.0/me/drive/root:/a/b:", "/v1.0/me/drive/root:/a/b:/"}) {
+    for (const char *path :
+         {"/v1.0/me/drive/root:/a/b", "/v1.0/me/drive/root:/a/b:", "/v1.0/me/drive/root:/a/b:/"}) {
         const route found = parse_route("GET", path);
         EXPECT_EQ(found.kind, request_kind::item) << path;
         EXPECT_THAT(found.item.path, ElementsAre("a", "b"));
@@ -48,9 +50,11 @@ TEST(Routing, ReadsResourcesBehindIdsAndPaths)
     EXPECT_EQ(parse_route("GET", "/v1.0/me/drive/root/children").kind, request_kind::listing);
     EXPECT_EQ(parse_route("GET", "/v1.0/me/drive/root:/a:/children").kind, request_kind::listing);
     EXPECT_EQ(parse_route("GET", "/v1.0/drives/b!x/items/01A/content").kind, request_kind::content);
-    EXPECT_EQ(parse_route("GET", "/v1.0/drives/b!x/items/01A:/b:/content").kind, request_kind::content);
+    EXPECT_EQ(parse_route("GET", "/v1.0/drives/b!x/items/01A:/b:/content").kind,
+              request_kind::content);
     EXPECT_EQ(parse_route("PUT", "/v1.0/me/drive/root:/a:/content").kind, request_kind::upload);
-    EXPECT_EQ(parse_route("POST", "/v1.0/me/drive/root:/a:/createUploadSession").kind, request_kind::upload_session);
+    EXPECT_EQ(parse_route("POST", "/v1.0/me/drive/root:/a:/createUploadSession").kind,
+              request_kind::upload_session);
     EXPECT_EQ(parse_route("POST", "/v1.0/me/drive/root/children").kind, request_kind::create);
     EXPECT_EQ(parse_route("PATCH", "/v1.0/me/drive/items/01A").kind, request_kind::update);
     EXPECT_EQ(parse_route("DELETE", "/v1.0/me/drive/root:/a").kind, request_kind::remove);
@@ -68,7 +72,8 @@ TEST(Routing, APathRelativeToAnItemKeepsTheItem)
 TEST(Routing, DecodesOnceAndOnlyThenSplits)
 {
     EXPECT_THAT(parse_route("GET", "/v1.0/me/drive/root:/a%2Fb").item.path, ElementsAre("a", "b"));
-    EXPECT_THAT(parse_route("GET", "/v1.0/me/drive/root:/100%2525").item.path, ElementsAre("100%25"));
+    EXPECT_THAT(parse_route("GET", "/v1.0/me/drive/root:/100%2525").item.path,
+                ElementsAre("100%25"));
     EXPECT_THAT(parse_route("GET", "/v1.0/me/drive/root%3A/a%23b").item.path, ElementsAre("a#b"));
     EXPECT_THAT(parse_route("GET", "/v1.0/me/drive/root:/a+b").item.path, ElementsAre("a+b"));
 }
@@ -76,13 +81,16 @@ TEST(Routing, DecodesOnceAndOnlyThenSplits)
 TEST(Routing, ADotSegmentIsDroppedAndTwoDotsAreRefused)
 {
     EXPECT_THAT(parse_route("GET", "/v1.0/me/drive/root:/.%2Fa").item.path, ElementsAre("a"));
-    EXPECT_THAT(refusal("GET", "/v1.0/me/drive/root:/a/../b"), testing::StartsWith("400 invalidRequest"));
+    EXPECT_THAT(refusal("GET", "/v1.0/me/drive/root:/a/../b"),
+                testing::StartsWith("400 invalidRequest"));
 }
 
 TEST(Routing, ADoubledSlashInAPathIsRefused)
 {
-    EXPECT_THAT(refusal("GET", "/v1.0/me/drive/root:/a//b"), testing::StartsWith("400 invalidRequest"));
-    EXPECT_THAT(refusal("GET", "/v1.0/drives/b!x/items/01A://b"), testing::StartsWith("400 invalidRequest"));
+    EXPECT_THAT(refusal("GET", "/v1.0/me/drive/root:/a//b"),
+                testing::StartsWith("400 invalidRequest"));
+    EXPECT_THAT(refusal("GET", "/v1.0/drives/b!x/items/01A://b"),
+                testing::StartsWith("400 invalidRequest"));
     EXPECT_EQ(refusal("GET", "/v1.0/me/drive/root:/a/:/children"), "") << "one at the end is not";
 }
 
@@ -94,22 +102,28 @@ TEST(Routing, AThirdColonIsRefused)
 
 TEST(Routing, AColonWithoutAPathIsRefused)
 {
-    EXPECT_EQ(refusal("GET", "/v1.0/me/drive/root:"), "400 BadRequest: Resource not found for the segment 'root:'.");
-    EXPECT_EQ(refusal("GET", "/v1.0/me/drive/root:a"), "400 BadRequest: Resource not found for the segment 'root:'.");
+    EXPECT_EQ(refusal("GET", "/v1.0/me/drive/root:"),
+              "400 BadRequest: Resource not found for the segment 'root:'.");
+    EXPECT_EQ(refusal("GET", "/v1.0/me/drive/root:a"),
+              "400 BadRequest: Resource not found for the segment 'root:'.");
 }
 
 TEST(Routing, MalformedEscapesAndBytesAreRefused)
 {
-    for (const char *path : {"/v1.0/me/drive/root:/%", "/v1.0/me/drive/root:/%zz", "/v1.0/me/drive/root:/%FF", "/v1.0/me/drive/root:/a%00b"}) {
+    for (const char *path : {"/v1.0/me/drive/root:/%", "/v1.0/me/drive/root:/%zz",
+                             "/v1.0/me/drive/root:/%FF", "/v1.0/me/drive/root:/a%00b"}) {
         EXPECT_THAT(refusal("GET", path), testing::StartsWith("400 BadRequest")) << path;
     }
 }
 
 TEST(Routing, UnknownSegmentsAreRefusedByName)
 {
-    EXPECT_EQ(refusal("GET", "/v1.0/me/drive/root/kids"), "400 BadRequest: Resource not found for the segment 'kids'.");
-    EXPECT_EQ(refusal("GET", "/v1.0/Me/drive"), "400 BadRequest: Resource not found for the segment 'Me'.");
-    EXPECT_THAT(refusal("GET", "/v1.0/me/drive/items"), testing::HasSubstr("The 'filter' query option"));
+    EXPECT_EQ(refusal("GET", "/v1.0/me/drive/root/kids"),
+              "400 BadRequest: Resource not found for the segment 'kids'.");
+    EXPECT_EQ(refusal("GET", "/v1.0/Me/drive"),
+              "400 BadRequest: Resource not found for the segment 'Me'.");
+    EXPECT_THAT(refusal("GET", "/v1.0/me/drive/items"),
+                testing::HasSubstr("The 'filter' query option"));
     EXPECT_THAT(refusal("GET", "/v2.0/me"), testing::StartsWith("400"));
     EXPECT_THAT(refusal("GET", "/"), testing::StartsWith("400"));
 }
@@ -123,10 +137,12 @@ TEST(Routing, AMethodThatDoesNotFitIsRefused)
 
 TEST(Routing, ReadsSitesByIdAndByAddress)
 {
-    const route by_id = parse_route("GET", "/v1.0/sites/4ed1565e-2f35-405e-b677-4e4ae8784b50/drives");
+    const route by_id =
+        parse_route("GET", "/v1.0/sites/4ed1565e-2f35-405e-b677-4e4ae8784b50/drives");
     EXPECT_EQ(by_id.kind, request_kind::libraries);
     EXPECT_EQ(by_id.drive.value, "4ed1565e-2f35-405e-b677-4e4ae8784b50");
-    const route by_address = parse_route("GET", "/v1.0/sites/contoso.sharepoint.com:/sites/team-a:/drives");
+    const route by_address =
+        parse_route("GET", "/v1.0/sites/contoso.sharepoint.com:/sites/team-a:/drives");
     EXPECT_EQ(by_address.kind, request_kind::libraries);
     EXPECT_EQ(by_address.drive.value, "contoso.sharepoint.com:/sites/team-a");
     EXPECT_EQ(parse_route("GET", "/v1.0/sites/a,b,c").kind, request_kind::site);

@@ -18,7 +18,10 @@ TEST(PercentDecoding, RefusesMalformedEscapes)
     }
 }
 
-TEST(PercentDecoding, LeavesPlusAlone) { EXPECT_EQ(percent_decode("a+b"), "a+b"); }
+TEST(PercentDecoding, LeavesPlusAlone)
+{
+    EXPECT_EQ(percent_decode("a+b"), "a+b");
+}
 
 TEST(PercentEncoding, KeepsUnreservedCharactersOnly)
 {
@@ -87,7 +90,8 @@ TEST(IsoTime, ReadsAndWritesTheSameInstant)
     EXPECT_EQ(time->time_since_epoch().count(), 1614834367123);
     EXPECT_EQ(iso_time(*time), "2021-03-04T05:06:07Z");
     EXPECT_EQ(iso_time(*time, true), "2021-03-04T05:06:07.123Z");
-    EXPECT_EQ(iso_time(*parse_iso_time("2021-03-04T05:06:07.75Z"), true), "2021-03-04T05:06:07.75Z");
+    EXPECT_EQ(iso_time(*parse_iso_time("2021-03-04T05:06:07.75Z"), true),
+              "2021-03-04T05:06:07.75Z");
     EXPECT_EQ(http_date(*time), "Thu, 04 Mar 2021 05:06:07 GMT");
 }
 

@@ -33,11 +33,10 @@ std::string content_of(std::size_t length)
 /* A part of a file, as a service answers a Range. */
 http_peer_answer partial(const std::string &file, std::size_t first, std::size_t length)
 {
-    return http_peer_answer::complete(
-        206, file.substr(first, length),
-        {{"Content-Range", "bytes " + std::to_string(first) + "-" +
-                               std::to_string(first + length - 1) + "/" +
-                               std::to_string(file.size())}});
+    return http_peer_answer::complete(206, file.substr(first, length),
+                                      {{"Content-Range", "bytes " + std::to_string(first) + "-" +
+                                                             std::to_string(first + length - 1) +
+                                                             "/" + std::to_string(file.size())}});
 }
 
 /* A port that nobody listens on: bound, so that nobody else takes it. */
@@ -371,11 +370,11 @@ TEST_F(Download, AResetInTheBodyIsRepeatedAndEachByteDeliveredOnce)
     const std::string file = content_of(200000);
     for (const std::size_t cut : {1u, 16383u, 16384u, 100000u, 199999u}) {
         redirect();
-        store.answer(http_peer_answer()
-                         .send("HTTP/1.1 200 OK\r\nContent-Length: 200000\r\n\r\n" +
-                               file.substr(0, cut))
-                         .pause(20ms)
-                         .reset());
+        store.answer(
+            http_peer_answer()
+                .send("HTTP/1.1 200 OK\r\nContent-Length: 200000\r\n\r\n" + file.substr(0, cut))
+                .pause(20ms)
+                .reset());
         store.answer(http_peer_answer::complete(200, file));
         EXPECT_TRUE(send()) << cut << ": " << host.answer.text;
         EXPECT_TRUE(host.sent_bytes() == file) << cut;
@@ -442,8 +441,7 @@ TEST_F(Download, ARedirectOfTheDownloadIsNotFollowed)
 TEST_F(Download, AWholeFileInAnswerToARangeIsNotDelivered)
 {
     redirect();
-    store.on_request(
-        [](const auto &) { return http_peer_answer::complete(200, content_of(300)); });
+    store.on_request([](const auto &) { return http_peer_answer::complete(200, content_of(300)); });
     host.ranges = {{100, 50}};
     EXPECT_FALSE(send());
     EXPECT_EQ(host.sent_bytes(), "");

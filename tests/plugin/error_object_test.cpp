@@ -10,7 +10,7 @@ int failing_copy = 0;
 
 } // namespace
 
-extern "C" char *strdup(const char *text) noexcept
+extern "C" TIRVAL_API char *strdup(const char *text) noexcept
 {
     static auto *const next = next_definition<char *(const char *)>("strdup");
     if (failing_copy > 0 && --failing_copy == 0) {

@@ -3,6 +3,8 @@
 #ifndef TIRVAL_TESTS_FAKED_USER_H
 #define TIRVAL_TESTS_FAKED_USER_H
 
+#include "tirval_common.h"
+
 #include <cerrno>
 #include <cstring>
 #include <pwd.h>
@@ -23,7 +25,7 @@ struct faked_user {
 
 inline faked_user user;
 
-extern "C" int getpwuid_r(uid_t uid, passwd *entry, char * /*buffer*/, size_t size,
+extern "C" TIRVAL_API int getpwuid_r(uid_t uid, passwd *entry, char * /*buffer*/, size_t size,
                           passwd **found)
 {
     user.asked.push_back(uid);

@@ -96,8 +96,7 @@ TEST_F(FolderListing, SharedItemsAreTakenFromTheirRemoteItems)
 
 TEST_F(FolderListing, FollowedSitesAreCachedByTheirDisplayNames)
 {
-    peer.answer(
-        graph::page({R"({"displayName":"Team","sharepointIds":{"siteId":"site-1"}})"}));
+    peer.answer(graph::page({R"({"displayName":"Team","sharepointIds":{"siteId":"site-1"}})"}));
     ASSERT_EQ(list("/Shared libraries"), TIRVAL_SUCCESS);
     EXPECT_EQ(graph::path(request(0)), "/v1.0/me/followedSites");
     EXPECT_THAT(graph::query(request(0)),
@@ -109,8 +108,7 @@ TEST_F(FolderListing, FollowedSitesAreCachedByTheirDisplayNames)
 TEST_F(FolderListing, ASitesLibrariesAreAskedForWithTheirOwnSpelling)
 {
     session.enter("/Shared libraries", "Team", "site-1");
-    peer.answer(
-        graph::page({R"({"name":"Documents","id":"b!1","driveType":"documentLibrary"})"}));
+    peer.answer(graph::page({R"({"name":"Documents","id":"b!1","driveType":"documentLibrary"})"}));
     ASSERT_EQ(list("/Shared libraries/Team"), TIRVAL_SUCCESS);
     EXPECT_EQ(graph::path(request(0)), "/v1.0/sites/site-1/drives");
     EXPECT_THAT(graph::query(request(0)),
@@ -364,7 +362,8 @@ TEST_F(FolderListing, AMissingValueFails)
 {
     for (const char *text : {"{}", "[]", R"({"value":null})"}) {
         peer.answer(http_peer_answer::json(200, text));
-        EXPECT_TRUE(is_generic_error(list("/My files"), "Json object not array when it was expected"))
+        EXPECT_TRUE(
+            is_generic_error(list("/My files"), "Json object not array when it was expected"))
             << text;
     }
 }

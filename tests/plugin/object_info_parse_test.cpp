@@ -258,7 +258,8 @@ TEST_F(ObjectInfoParse, AFailureWritesItsChainToTheDebugChannel)
     debug_trace trace;
     parse(R"({"sharepointIds":{"siteId":"S1"}})");
     EXPECT_THAT(trace.text(), testing::HasSubstr("tirval_onedrive_object_info_parse: enter\n"));
-    EXPECT_THAT(trace.text(), testing::HasSubstr("tirval_onedrive_object_info_parse: exit: result=0x"));
+    EXPECT_THAT(trace.text(),
+                testing::HasSubstr("tirval_onedrive_object_info_parse: exit: result=0x"));
     EXPECT_THAT(trace.text(), testing::HasSubstr("No 'name' field found!"));
 }
 

@@ -76,7 +76,10 @@ TEST(PathRecord, AbsentTextsStayAbsentInACopy)
     EXPECT_EQ(copy->qxr, nullptr);
 }
 
-TEST(PathRecord, ACopyOfNothingIsNothing) { EXPECT_EQ(copy_of(nullptr), nullptr); }
+TEST(PathRecord, ACopyOfNothingIsNothing)
+{
+    EXPECT_EQ(copy_of(nullptr), nullptr);
+}
 
 TEST(PathRecord, FreeingLeavesARecordThatIsNotFromTheHeap)
 {
@@ -190,7 +193,10 @@ TEST_F(PathCache, AnUpdateOfAPresentKeyReplacesAndFreesTheOldRecord)
     EXPECT_EQ(tirval_hashtable_size(cache), 5u);
 }
 
-TEST_F(PathCache, AMissingPathIsNull) { EXPECT_EQ(query("/My files/none"), nullptr); }
+TEST_F(PathCache, AMissingPathIsNull)
+{
+    EXPECT_EQ(query("/My files/none"), nullptr);
+}
 
 TEST_F(PathCache, RemovingFreesTheEntry)
 {
@@ -214,9 +220,8 @@ TEST_F(PathCache, ARecordCanBeRemovedByItsOwnName)
 
 TEST_F(PathCache, ARecordWithoutANameOrAnIdIsRefused)
 {
-    for (const auto &[name, id] : {std::pair<const char *, const char *>{nullptr, "1"},
-                                   {"a", nullptr},
-                                   {"", "1"}}) {
+    for (const auto &[name, id] :
+         {std::pair<const char *, const char *>{nullptr, "1"}, {"a", nullptr}, {"", "1"}}) {
         const tirval_result_t result = update(item(name, id), "/My files");
         EXPECT_TRUE(is_generic_error(result, "without a name or an id"));
     }

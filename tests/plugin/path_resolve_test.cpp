@@ -76,8 +76,8 @@ TEST_F(PathResolve, AFreshCacheListsEachFolderOnTheWay)
     EXPECT_EQ(name(entry), "/My files/a/b");
     EXPECT_STREQ(entry->id, "B");
     EXPECT_EQ(name(parent), "/My files/a");
-    EXPECT_THAT(requested(), ElementsAre("/v1.0/me/drive/root/children",
-                                         "/v1.0/me/drive/root:/a:/children"));
+    EXPECT_THAT(requested(),
+                ElementsAre("/v1.0/me/drive/root/children", "/v1.0/me/drive/root:/a:/children"));
     EXPECT_TRUE(session.cached("/My files")->listed);
     EXPECT_TRUE(session.cached("/My files/a")->listed);
 }
@@ -137,7 +137,8 @@ TEST_F(PathResolve, AFileIsListedLikeAFolderWhenSomethingBelowItIsAskedFor)
 TEST_F(PathResolve, AFailedListingIsReturnedAndLeavesTheOutPointersAlone)
 {
     peer.answer(http_peer_answer::complete(403));
-    EXPECT_EQ(reply_of(resolve("/My files/a")), (ftp_reply{550, "PERMISSION_DENIED", std::nullopt}));
+    EXPECT_EQ(reply_of(resolve("/My files/a")),
+              (ftp_reply{550, "PERMISSION_DENIED", std::nullopt}));
     EXPECT_EQ(entry, &marker);
     EXPECT_EQ(parent, &marker);
     EXPECT_FALSE(session.cached("/My files")->listed);

@@ -118,8 +118,7 @@ TEST_F(PathUri, SharedItselfIsNeverWritten)
 
 TEST_F(PathUri, ASharedItemIsAddressedInItsOwnersDrive)
 {
-    EXPECT_EQ(read("/Shared/Doc", "/children"),
-              "/v1.0/drives/owner-drive/items/item-1/children");
+    EXPECT_EQ(read("/Shared/Doc", "/children"), "/v1.0/drives/owner-drive/items/item-1/children");
     EXPECT_EQ(read("/Shared/Doc", "/content"), "/v1.0/drives/owner-drive/items/item-1/content");
 }
 
@@ -130,8 +129,7 @@ TEST_F(PathUri, ASharedItemWithoutSubResourceEndsWithItsId)
 
 TEST_F(PathUri, ASharedItemTakesNewChildrenAndNoOtherWrite)
 {
-    EXPECT_EQ(write("/Shared/Doc", "/children"),
-              "/v1.0/drives/owner-drive/items/item-1/children");
+    EXPECT_EQ(write("/Shared/Doc", "/children"), "/v1.0/drives/owner-drive/items/item-1/children");
     EXPECT_EQ(write("/Shared/Doc", "/content"), shared_root_write);
     EXPECT_EQ(write("/Shared/Doc", "/createUploadSession"), shared_root_write);
     EXPECT_EQ(write("/Shared/Doc", nullptr), shared_root_write);
@@ -142,8 +140,7 @@ TEST_F(PathUri, ThePathBelowASharedItemIsEncodedAndWritable)
 {
     EXPECT_EQ(read("/Shared/Doc/x y", "/content"),
               "/v1.0/drives/owner-drive/items/item-1:/x%20y:/content");
-    EXPECT_EQ(read("/Shared/Doc/x#y", nullptr),
-              "/v1.0/drives/owner-drive/items/item-1:/x%23y");
+    EXPECT_EQ(read("/Shared/Doc/x#y", nullptr), "/v1.0/drives/owner-drive/items/item-1:/x%23y");
     EXPECT_EQ(write("/Shared/Doc/x", "/content"),
               "/v1.0/drives/owner-drive/items/item-1:/x:/content");
     EXPECT_EQ(write("/Shared/Doc/x", nullptr), "/v1.0/drives/owner-drive/items/item-1:/x");
@@ -192,8 +189,7 @@ TEST_F(PathUri, InALibraryUploadsAreAllowedAndDeletesRefusedEverywhere)
 TEST_F(PathUri, AMissingSharedItemIsTheResolutionsError)
 {
     read("/Shared/None/x", "/content");
-    EXPECT_EQ(reply_of(last),
-              (ftp_reply{550, "PATH_NOT_FOUND", "GridFTP-Path: \"/Shared/None\""}));
+    EXPECT_EQ(reply_of(last), (ftp_reply{550, "PATH_NOT_FOUND", "GridFTP-Path: \"/Shared/None\""}));
 }
 
 TEST_F(PathUri, AMissingSiteIsNotFoundBeforeTheWriteIsRefused)
@@ -222,8 +218,9 @@ TEST(PathUriLookUps, MyFilesNeedNoRequest)
     http_peer peer;
     test_session session(peer.url(""));
     char *uri = nullptr;
-    ASSERT_EQ(tirval_onedrive_path_to_uri(session.handle(), "/My files/a/b", "/content", &uri, false),
-              TIRVAL_SUCCESS);
+    ASSERT_EQ(
+        tirval_onedrive_path_to_uri(session.handle(), "/My files/a/b", "/content", &uri, false),
+        TIRVAL_SUCCESS);
     const tirval_i_onedrive_text_t owner(uri);
     EXPECT_EQ(uri, session.graph_url() + "/v1.0/me/drive/root:/a/b:/content");
     EXPECT_THAT(peer.requests(), testing::IsEmpty());
@@ -237,8 +234,9 @@ TEST(PathUriLookUps, ASharedItemIsFoundByListingShared)
         200, R"({"value":[{"id":"mine","name":"Link","remoteItem":{"id":"far","name":"Doc",
                  "folder":{},"parentReference":{"driveId":"owner"}}}]})"));
     char *uri = nullptr;
-    ASSERT_EQ(tirval_onedrive_path_to_uri(session.handle(), "/Shared/Doc/f", "/content", &uri, false),
-              TIRVAL_SUCCESS);
+    ASSERT_EQ(
+        tirval_onedrive_path_to_uri(session.handle(), "/Shared/Doc/f", "/content", &uri, false),
+        TIRVAL_SUCCESS);
     const tirval_i_onedrive_text_t owner(uri);
     EXPECT_EQ(uri, session.graph_url() + "/v1.0/drives/owner/items/far:/f:/content");
     EXPECT_EQ(peer.requests().size(), 1u);

@@ -141,7 +141,8 @@ TEST_F(RequestCycle, Only302IsSuccessWhereARedirectIsAskedForAndItsLocationIsHan
     request.success = TIRVAL_I_ONEDRIVE_ONLY_302;
     request.json_out = nullptr;
     request.location_out = &location;
-    peer.answer(http_peer_answer::complete(302, "", {{"Location", "https://far.example/x?y=%20z"}}));
+    peer.answer(
+        http_peer_answer::complete(302, "", {{"Location", "https://far.example/x?y=%20z"}}));
     ASSERT_EQ(send(), TIRVAL_SUCCESS);
     const tirval_i_onedrive_text_t owner(location);
     EXPECT_STREQ(location, "https://far.example/x?y=%20z");

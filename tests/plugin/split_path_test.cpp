@@ -39,7 +39,10 @@ pieces split(const char *path)
 
 const auto absent = std::nullopt;
 
-TEST(SplitPath, TheRootHasNoPieces) { EXPECT_EQ(split("/"), (pieces{})); }
+TEST(SplitPath, TheRootHasNoPieces)
+{
+    EXPECT_EQ(split("/"), (pieces{}));
+}
 
 TEST(SplitPath, APathOutsideOfTheVirtualFoldersHasNoPieces)
 {
@@ -109,8 +112,7 @@ TEST(SplitPath, ASlashBehindALibraryLeavesNoPath)
 
 TEST(SplitPath, ASlashBehindASiteLeavesAnEmptyDriveAndReadsNoFurther)
 {
-    EXPECT_EQ(split("/Shared libraries/Site/"),
-              (pieces{"Shared libraries", "/Site", "", absent}));
+    EXPECT_EQ(split("/Shared libraries/Site/"), (pieces{"Shared libraries", "/Site", "", absent}));
 }
 
 TEST(SplitPath, FolderNamesAreRecognisedAsPlainPrefixes)

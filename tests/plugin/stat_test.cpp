@@ -326,8 +326,8 @@ TEST_F(Stat, AFailedTokenEndsTheEntryWithAnErrorLine)
     session.handle()->access_token_exp = 0;
     debug_trace trace(TIRVAL_ONEDRIVE_ERROR);
     EXPECT_FALSE(host.stat("/"));
-    EXPECT_THAT(trace.text(),
-                testing::ContainsRegex("tirval_i_onedrive_stat: exit: result=0x[0-9a-f]+ message="));
+    EXPECT_THAT(trace.text(), testing::ContainsRegex(
+                                  "tirval_i_onedrive_stat: exit: result=0x[0-9a-f]+ message="));
 }
 
 } // namespace

@@ -70,7 +70,7 @@ inline system_seams seams;
 
 extern "C" {
 
-unsigned sleep(unsigned seconds)
+TIRVAL_API unsigned sleep(unsigned seconds)
 {
     seams.calls.emplace_back("sleep");
     seams.sleeps.push_back(seconds);
@@ -80,7 +80,7 @@ unsigned sleep(unsigned seconds)
     return 0;
 }
 
-int nanosleep(const timespec *interval, timespec *rest)
+TIRVAL_API int nanosleep(const timespec *interval, timespec *rest)
 {
     static auto *const next = next_definition<int(const timespec *, timespec *)>("nanosleep");
     seams.calls.emplace_back("nap");
@@ -92,7 +92,7 @@ int nanosleep(const timespec *interval, timespec *rest)
     return seams.last_nap;
 }
 
-int gettimeofday(timeval *now, void * /*zone*/) noexcept
+TIRVAL_API int gettimeofday(timeval *now, void * /*zone*/) noexcept
 {
     timespec real = {};
     (void)clock_gettime(CLOCK_REALTIME, &real);
@@ -101,7 +101,7 @@ int gettimeofday(timeval *now, void * /*zone*/) noexcept
     return 0;
 }
 
-int open(const char *path, int flags, ...)
+TIRVAL_API int open(const char *path, int flags, ...)
 {
     static auto *const next = next_definition<int(const char *, int, ...)>("open64");
     va_list arguments;
@@ -111,20 +111,20 @@ int open(const char *path, int flags, ...)
     return seams.open.strike() ? -1 : next(path, flags, mode);
 }
 
-int fstat(int fd, struct stat *status) noexcept
+TIRVAL_API int fstat(int fd, struct stat *status) noexcept
 {
     static auto *const next = next_definition<int(int, struct stat *)>("fstat64");
     return seams.fstat.strike() ? -1 : next(fd, status);
 }
 
-int ftruncate(int fd, off_t length) noexcept
+TIRVAL_API int ftruncate(int fd, off_t length) noexcept
 {
     static auto *const next = next_definition<int(int, off_t)>("ftruncate64");
     seams.truncated++;
     return seams.ftruncate.strike() ? -1 : next(fd, length);
 }
 
-int fcntl(int fd, int command, ...)
+TIRVAL_API int fcntl(int fd, int command, ...)
 {
     static auto *const next = next_definition<int(int, int, ...)>("fcntl64");
     va_list arguments;
@@ -142,7 +142,7 @@ int fcntl(int fd, int command, ...)
     return next(fd, command, argument);
 }
 
-void *mmap(void *address, size_t length, int protection, int flags, int fd, off_t offset) noexcept
+TIRVAL_API void *mmap(void *address, size_t length, int protection, int flags, int fd, off_t offset) noexcept
 {
     static auto *const next =
         next_definition<void *(void *, size_t, int, int, int, off_t)>("mmap64");
@@ -155,7 +155,7 @@ void *mmap(void *address, size_t length, int protection, int flags, int fd, off_
     return next(address, length, protection, flags, fd, offset);
 }
 
-int munmap(void *address, size_t length) noexcept
+TIRVAL_API int munmap(void *address, size_t length) noexcept
 {
     static auto *const next = next_definition<int(void *, size_t)>("munmap");
     seams.unmapped.push_back(length);

@@ -138,7 +138,8 @@ class debug_trace {
 class test_session {
   public:
     /* `per_second` requests may go out; the default is no pacing to speak of. */
-    explicit test_session(std::string graph_url = "http://127.0.0.1:9", uint32_t per_second = 1000000)
+    explicit test_session(std::string graph_url = "http://127.0.0.1:9",
+                          uint32_t per_second = 1000000)
         : url(std::move(graph_url)), retry_path(state.path() + "/r"),
           scope(tirval_error_scope_create()), outer(tirval_error_scope_enter(scope))
     {

@@ -20,7 +20,7 @@ std::optional<time_t> the_time;
 
 } // namespace
 
-extern "C" time_t time(time_t *out) noexcept
+extern "C" TIRVAL_API time_t time(time_t *out) noexcept
 {
     const time_t now = the_time.value_or(0);
     if (the_time.has_value()) {

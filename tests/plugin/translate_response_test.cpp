@@ -227,9 +227,10 @@ TEST_F(TranslateResponse, ATooLongNameIsAnInvalidPath)
 
 TEST_F(TranslateResponse, ABadDigestHasTwoLinesOfFixedWords)
 {
-    EXPECT_EQ(reply_of(translate_code("bad_digest", R"({"computed":"1","expected":"2"})").result),
-              (ftp_reply{550, "INCORRECT_CHECKSUM",
-                         "GridFTP-Computed-Checksum: computed\nGridFTP-Expected-Checksum: expected"}));
+    EXPECT_EQ(
+        reply_of(translate_code("bad_digest", R"({"computed":"1","expected":"2"})").result),
+        (ftp_reply{550, "INCORRECT_CHECKSUM",
+                   "GridFTP-Computed-Checksum: computed\nGridFTP-Expected-Checksum: expected"}));
 }
 
 TEST_F(TranslateResponse, EveryTranslatedCodeKeepsWhatTheServiceSaidAsItsCause)
@@ -248,9 +249,9 @@ TEST_F(TranslateResponse, AnyOtherCodeIsItselfTheError)
     const translation out =
         translate(503, R"({"error":{"code":"serviceNotAvailable","message":"later"}})", "3");
     EXPECT_EQ(reply_of(out.result).code, 0);
-    EXPECT_NE(tirval_object_upcast(tirval_error_peek(out.result),
-                                   TIRVAL_ONEDRIVE_ERROR_TYPE_DEFINITION),
-              nullptr);
+    EXPECT_NE(
+        tirval_object_upcast(tirval_error_peek(out.result), TIRVAL_ONEDRIVE_ERROR_TYPE_DEFINITION),
+        nullptr);
     EXPECT_EQ(info_of(out.result, "code"), "serviceNotAvailable");
     EXPECT_EQ(info_of(out.result, "message"), "later");
     EXPECT_TRUE(out.retryable);

@@ -40,7 +40,10 @@ class UploadTable : public testing::Test {
     tirval_hashtable_t table = {};
 };
 
-TEST_F(UploadTable, StartsEmpty) { EXPECT_EQ(tirval_hashtable_size(&table), 0u); }
+TEST_F(UploadTable, StartsEmpty)
+{
+    EXPECT_EQ(tirval_hashtable_size(&table), 0u);
+}
 
 TEST_F(UploadTable, ARecordIsFoundUnderItsOwnNameWhateverThePathArgumentSays)
 {

@@ -2,7 +2,6 @@
 #include "rest_fixture.h"
 
 #include <gmock/gmock.h>
-#include <malloc.h>
 
 using testing::HasSubstr;
 
