@@ -11,22 +11,22 @@ namespace {
 /* What is asked of a folder, chosen by its request's URI. */
 struct tirval_l_onedrive_listing_kind_t {
     const char *uri_part;
-    bool after_base_url; /* the part stands right behind the service's base URL */
     const char *top;
     const char *select;
-    bool remote_items; /* the item is the element's "remoteItem" */
+    bool after_base_url; /* the part stands right behind the service's base URL */
+    bool remote_items;   /* the item is the element's "remoteItem" */
 };
 
 /* The first row whose part the URI contains; the last one fits all.  The field names of a site's
  * libraries are spelled as the service has always been asked. */
 const tirval_l_onedrive_listing_kind_t tirval_l_onedrive_listing_kinds[] = {
-    {"/me/followedSites", false, "100", "displayName,sharepointIds", false},
-    {"/v1.0/sites/", true, "300", "id,lastmodifiedDateTime,name,driveType", false},
-    {"/me/drive/sharedWithMe", false, "300", "remoteItem", true},
-    {"", false, "300",
+    {"/me/followedSites", "100", "displayName,sharepointIds", false, false},
+    {"/v1.0/sites/", "300", "id,lastmodifiedDateTime,name,driveType", true, false},
+    {"/me/drive/sharedWithMe", "300", "remoteItem", false, true},
+    {"", "300",
      "file,folder,id,name,size,fileSystemInfo,lastModifiedDateTime,deleted,parentReference,"
      "driveType",
-     false},
+     false, false},
 };
 
 struct tirval_l_onedrive_listing_t {

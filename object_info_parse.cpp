@@ -100,6 +100,7 @@ static bool tirval_l_onedrive_read_modtime(json_t *json, tirval_onedrive_path_in
         return true;
     }
     struct tm when = {};
+    // NOLINTNEXTLINE(cert-err34-c): how many numbers were read is checked
     const int read = std::sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d", &when.tm_year, &when.tm_mon,
                                  &when.tm_mday, &when.tm_hour, &when.tm_min, &when.tm_sec);
     when.tm_year -= 1900;
@@ -153,10 +154,9 @@ static tirval_result_t tirval_l_onedrive_read_object(json_t *json,
         tirval_l_onedrive_read_hashes(file, info);
     } else if (json_t *ids = json_object_get(json, "sharepointIds"); ids != nullptr) {
         return tirval_l_onedrive_read_site(json, ids, info);
-    } else if (json_object_get(json, "driveType") != nullptr) {
-        info->type = TIRVAL_ONEDRIVE_FOLDER;
     } else {
-        info->type = TIRVAL_ONEDRIVE_UNKNOWN;
+        const bool is_drive = json_object_get(json, "driveType") != nullptr;
+        info->type = is_drive ? TIRVAL_ONEDRIVE_FOLDER : TIRVAL_ONEDRIVE_UNKNOWN;
     }
     return tirval_l_onedrive_read_item(json, info);
 }

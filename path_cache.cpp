@@ -152,7 +152,7 @@ static tirval_result_t tirval_l_onedrive_enter_record(tirval_hashtable_t *cache,
             return tirval_i_onedrive_malloc_error();
         }
     }
-    copy.release(); /* the table's now */
+    (void)copy.release(); /* the table's now */
     return TIRVAL_SUCCESS;
 }
 

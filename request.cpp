@@ -76,6 +76,7 @@ tirval_l_onedrive_callbacks(const tirval_i_onedrive_request_t *request,
     const intptr_t idle_ms =
         static_cast<intptr_t>(tirval_i_onedrive_progress_timeout_ms) * request->idle_factor;
     callbacks.progress_callback = tirval_dsi_rest_progress_idle_timeout;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the callback's argument is the number itself
     callbacks.progress_callback_arg = reinterpret_cast<void *>(idle_ms);
     return callbacks;
 }

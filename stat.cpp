@@ -85,7 +85,7 @@ static tirval_result_t tirval_l_onedrive_stat_folder(tirval_onedrive_handle_t *h
         return result;
     }
     if (state->stat_array[0].name != nullptr) {
-        std::strcpy(state->stat_array[0].name, "."); /* no path is shorter */
+        std::memcpy(state->stat_array[0].name, ".", sizeof "."); /* no path is shorter */
     }
     state->stat_count = 1;
     if (std::strcmp(folder->name, "/") == 0) {

@@ -350,8 +350,8 @@ typedef tirval_result_t (*tirval_onedrive_list_entry_cb_t)(tirval_onedrive_handl
                                                            const tirval_onedrive_path_info_t *entry,
                                                            void *callback_arg);
 
-/* Lists the children of the folder at client path `path` into the cache.  `callback` may be null;
- * `folder_id` is not used. */
+/* Lists the children of the folder at client path `path` into the cache.  A child without a name or
+ * an id is left out.  `callback` may be null; `folder_id` is not used. */
 TIRVAL_API tirval_result_t tirval_onedrive_get_folder_items(
     tirval_onedrive_handle_t *handle, const char *folder_id, const char *path,
     tirval_onedrive_list_entry_cb_t callback, void *callback_arg);

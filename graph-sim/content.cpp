@@ -173,10 +173,10 @@ std::string content::quick_xor_text() const
 {
     quick_xor running;
     std::uint64_t start = 0;
-    if (period() != 0) {
+    if (const std::uint64_t length = period(); length != 0) {
         // The same bytes at the same ring positions twice cancel out: of all repetitions only an
         // odd one out and the rest at the end leave a trace.
-        const std::uint64_t repeat = std::lcm(period(), quick_xor::cycle);
+        const std::uint64_t repeat = std::lcm(length, quick_xor::cycle);
         start = size() / repeat / 2 * 2 * repeat;
         running.skip(start);
     }

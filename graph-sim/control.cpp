@@ -77,6 +77,38 @@ item &item_at(drive &home, const std::string &path)
     return *found;
 }
 
+// Makes an item, or gives one that is there new bytes.
+response put_item(drive &home, const std::string &path, const json &described,
+                  const std::string &place)
+{
+    std::vector<std::string> parts = path_parts(path);
+    if (parts.empty()) {
+        throw input_error(place + ": \"path\" names no item");
+    }
+    const std::string name = parts.back();
+    parts.pop_back();
+    item *parent = drive::resolve(home.root(), parts);
+    if (parent == nullptr || !parent->folder) {
+        throw missing_error("there is no folder for " + path);
+    }
+    item *there = drive::child(*parent, name);
+    if (there == nullptr) {
+        json named = described;
+        named.set("name", name);
+        add_seeded_item(home, *parent, named.get(), place, ".");
+        return done();
+    }
+    object_reader reader(described.get(), place);
+    const content_ptr data = seeded_content(reader);
+    reader.finish();
+    if (there->folder || data == nullptr) {
+        throw input_error(place + ": " + path +
+                          " is there already, and only a file's content can be replaced");
+    }
+    home.replace_content(*there, data, wall_clock());
+    return done();
+}
+
 } // namespace
 
 control::control(std::mutex &mutex, world &all, token_store &tokens, settings &options,
@@ -110,7 +142,7 @@ response control::answer(const request &got)
     };
     const std::string_view name = got.path().substr(control_prefix.size());
     const auto named = [name](const entry &candidate) { return candidate.name == name; };
-    const auto found = std::ranges::find_if(entries, [&](const entry &candidate) {
+    const auto *const found = std::ranges::find_if(entries, [&](const entry &candidate) {
         return named(candidate) && candidate.method == got.method;
     });
     try {
@@ -243,38 +275,6 @@ response control::show_file(const request &got, const json &)
     // Outside the lock: the digest of some GiB takes seconds.
     body.set("sha256", data->sha256_hex());
     return told(200, body);
-}
-
-// Makes an item, or gives one that is there new bytes.
-response control::put_item(drive &home, const std::string &path, const json &described,
-                           const std::string &place)
-{
-    std::vector<std::string> parts = path_parts(path);
-    if (parts.empty()) {
-        throw input_error(place + ": \"path\" names no item");
-    }
-    const std::string name = parts.back();
-    parts.pop_back();
-    item *parent = drive::resolve(home.root(), parts);
-    if (parent == nullptr || !parent->folder) {
-        throw missing_error("there is no folder for " + path);
-    }
-    item *there = drive::child(*parent, name);
-    if (there == nullptr) {
-        json named = described;
-        named.set("name", name);
-        add_seeded_item(home, *parent, named.get(), place, ".");
-        return done();
-    }
-    object_reader reader(described.get(), place);
-    const content_ptr data = seeded_content(reader);
-    reader.finish();
-    if (there->folder || data == nullptr) {
-        throw input_error(place + ": " + path +
-                          " is there already, and only a file's content can be replaced");
-    }
-    home.replace_content(*there, data, wall_clock());
-    return done();
 }
 
 response control::change_item(const request &, const json &body)
@@ -418,7 +418,7 @@ response control::decide_device(const request &, const json &body)
     const std::string name = reader.text_or("account", "");
     const auto count = reader.integer("count", 0, 1'000'000);
     reader.finish();
-    const auto found = std::ranges::find(decisions, action, &named::name);
+    const auto *const found = std::ranges::find(decisions, action, &named::name);
     if (found == decisions.end()) {
         reader.fail("action", "is approve, decline, expire, slow_down or pending");
     }

@@ -48,8 +48,6 @@ class control {
     drive &drive_of(const std::string &account, const std::string &drive_id,
                     const std::string &site, const std::string &library);
     account &account_named(const std::string &name);
-    response put_item(drive &home, const std::string &path, const json &described,
-                      const std::string &place);
 
     std::mutex &mutex_;
     world &all_;

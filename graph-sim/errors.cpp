@@ -98,7 +98,7 @@ response error_response(const api_error &error, const request &got)
 
 response default_error(unsigned status, const request &got)
 {
-    const auto known = std::ranges::find(usual_errors, status, &usual_error::status);
+    const auto *const known = std::ranges::find(usual_errors, status, &usual_error::status);
     response reply =
         known == usual_errors.end()
             ? error_response(api_error(status, "UnknownError", ""), got)

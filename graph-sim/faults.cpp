@@ -194,7 +194,7 @@ damage read_damage(object_reader &reader)
     if (!text) {
         return damage::none;
     }
-    const auto found = std::ranges::find(known, *text, &named::name);
+    const auto *const found = std::ranges::find(known, *text, &named::name);
     if (found == known.end()) {
         reader.fail("garbage", "names no kind of damage: \"" + *text + "\"");
     }

@@ -73,7 +73,7 @@ field_set graph_api::fields() const
     return field_set(select ? select : got_.parameter("select"));
 }
 
-response graph_api::ok(json body, const std::string &context) const
+response graph_api::ok(const json &body, const std::string &context) const
 {
     json whole = json::object();
     whole.set("@odata.context", got_.origin + "/v1.0/$metadata#" + context);

@@ -38,7 +38,7 @@ class graph_api {
     response list_shared() const;
     response list_sites() const;
     response list_drives(const std::vector<drive *> &drives, const std::string &context) const;
-    [[nodiscard]] response ok(json body, const std::string &context) const;
+    [[nodiscard]] response ok(const json &body, const std::string &context) const;
     [[nodiscard]] bool unchanged(const item &what, flavour kind) const;
     [[nodiscard]] field_set fields() const;
 

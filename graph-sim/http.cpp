@@ -88,7 +88,7 @@ std::string_view reason_phrase(unsigned status)
         phrase{504, "Gateway Timeout"},
         phrase{507, "Insufficient Storage"},
     };
-    const auto found = std::ranges::find(phrases, status, &phrase::status);
+    const auto *const found = std::ranges::find(phrases, status, &phrase::status);
     return found == phrases.end() ? "Status" : found->text;
 }
 
@@ -98,7 +98,7 @@ std::string head_text(const response &reply)
     text += reason_phrase(reply.status);
     text += "\r\n";
     for (const auto &[name, value] : reply.headers) {
-        text += name + ": " + value + "\r\n";
+        text.append(name).append(": ").append(value).append("\r\n");
     }
     const bool bodiless = reply.status == 204 || reply.status == 304;
     if (reply.chunked && !bodiless) {

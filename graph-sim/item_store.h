@@ -108,7 +108,7 @@ class drive {
     // file or lies inside the item.  Changing only the case of a name is allowed.
     bool move(item &moved, item &new_parent, std::string new_name, timestamp now);
     // Counts a change of what describes the item.
-    void touch(item &changed, timestamp now);
+    static void touch(item &changed, timestamp now);
     // Takes an item and everything below it away; the root stays.
     void remove(item &gone, timestamp now);
 

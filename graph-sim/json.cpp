@@ -1,8 +1,11 @@
 // JSON values over jansson and the strict reader.
 #include "json.h"
 
+#include "text.h"
+
 #include <cmath>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace graph_sim {
@@ -26,10 +29,7 @@ json json::array()
 json json::text(std::string_view value)
 {
     json_t *made = json_stringn(value.data(), value.size());
-    if (made == nullptr) {
-        throw std::invalid_argument("a text is not UTF-8");
-    }
-    return take(made);
+    return made == nullptr ? text(percent_encode(value)) : take(made);
 }
 
 json json::integer(std::int64_t value)
@@ -60,13 +60,17 @@ json json::parse(std::string_view text, const std::string &name)
 
 json json::load(const std::string &file)
 {
+    std::string text;
     std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    // An empty file sets the fail bit of the target stream, so the source is what tells.
-    if (!in || !(text << in.rdbuf(), !in.bad()) || !in.is_open()) {
+    try {
+        text.assign(std::istreambuf_iterator<char>(in), {});
+    } catch (const std::ios_base::failure &) {
+        in.close(); // a directory can be opened, but not read
+    }
+    if (!in.is_open()) {
         throw input_error(file + ": cannot be read");
     }
-    return parse(text.str(), file);
+    return parse(text, file);
 }
 
 json &json::set(const std::string &key, const json &value)

@@ -41,7 +41,7 @@ class json {
 
     static json object();
     static json array();
-    // Bytes that are not UTF-8 throw std::invalid_argument: the service never emits such JSON.
+    // JSON has no place for bytes that are not UTF-8: such a text comes percent-encoded.
     static json text(std::string_view value);
     static json integer(std::int64_t value);
     static json integer(std::uint64_t value) { return integer(static_cast<std::int64_t>(value)); }

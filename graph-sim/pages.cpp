@@ -76,7 +76,7 @@ void page_writer::add(const std::string &key, const json &entry)
 
 std::string page_writer::next_link() const
 {
-    const std::string wanted = fault_ == nullptr ? "" : fault_->next_link.value_or("");
+    std::string wanted = fault_ == nullptr ? "" : fault_->next_link.value_or("");
     if (wanted == "self") {
         return got_.origin + got_.target;
     }

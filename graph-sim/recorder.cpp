@@ -98,9 +98,7 @@ json recorder::show(const entry &shown, const std::string &path)
 {
     json headers = json::object();
     for (const auto &[name, value] : shown.headers) {
-        // Bytes that are not UTF-8 can only be shown encoded.
-        headers.set(is_utf8(name) ? name : percent_encode(name),
-                    is_utf8(value) ? value : percent_encode(value));
+        headers.set(name, value);
     }
     const size_t mark = shown.target.find('?');
     json made = json::object();
@@ -109,8 +107,8 @@ json recorder::show(const entry &shown, const std::string &path)
         .set("wall_us", json::integer(shown.wall_us))
         .set("duration_us", json::integer(shown.duration_us))
         .set("method", shown.method)
-        .set("target", is_utf8(shown.target) ? shown.target : percent_encode(shown.target))
-        .set("path", is_utf8(path) ? path : percent_encode(path))
+        .set("target", shown.target)
+        .set("path", path)
         .set("query", mark == std::string::npos ? "" : shown.target.substr(mark + 1))
         .set("headers", headers)
         .set("body_size", json::integer(shown.body_size))

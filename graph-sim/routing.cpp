@@ -254,7 +254,7 @@ std::string_view kind_name(request_kind kind)
 
 bool kind_by_name(std::string_view name, request_kind &kind)
 {
-    const auto found = std::ranges::find(kinds, name, &kind_entry::name);
+    const auto *const found = std::ranges::find(kinds, name, &kind_entry::name);
     if (found != kinds.end()) {
         kind = found->kind;
     }

@@ -28,7 +28,7 @@ flavour read_kind(object_reader &reader)
         flavour_name{"personal-new", flavour::personal_new},
     };
     const std::string text = reader.text_or("kind", "business");
-    const auto found = std::ranges::find(known, text, &flavour_name::name);
+    const auto *const found = std::ranges::find(known, text, &flavour_name::name);
     if (found == known.end()) {
         reader.fail("kind", R"(is "business", "personal" or "personal-new")");
     }

@@ -189,6 +189,7 @@ template <class Stream> class connection {
         answer_bytes bytes(told);
         const std::size_t most = block_size(told.how);
         for (;;) {
+            const std::uint64_t before = bytes.body_given();
             const std::string_view piece = bytes.next(most);
             if (piece.empty()) {
                 break;
@@ -203,8 +204,8 @@ template <class Stream> class connection {
                 co_return false;
             }
             if (told.how.bytes_per_second && !bytes.whole()) {
-                co_await pause(
-                    std::chrono::milliseconds(piece.size() * 1000 / *told.how.bytes_per_second));
+                const std::uint64_t sent = bytes.body_given() - before;
+                co_await pause(std::chrono::milliseconds(sent * 1000 / *told.how.bytes_per_second));
             }
         }
         if (bytes.whole()) {

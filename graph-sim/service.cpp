@@ -151,7 +151,7 @@ response service::answer_graph(const request &got, const incoming &in, const fau
         return reply;
     }
     if (in.refused) {
-        throw *in.refused;
+        throw api_error(*in.refused);
     }
     graph_api api(world_, links_, settings_, got, who, fault, download_origin(got));
     return api.answer(in.asked);

@@ -122,8 +122,8 @@ constexpr std::array case_ranges{
 
 char32_t fold_code_point(char32_t point)
 {
-    const auto range = std::ranges::lower_bound(case_ranges, point, {},
-                                                [](const case_range &r) { return r.last; });
+    const auto *const range = std::ranges::lower_bound(case_ranges, point, {},
+                                                       [](const case_range &r) { return r.last; });
     if (range == case_ranges.end() || point < range->first) {
         return point;
     }

@@ -41,8 +41,7 @@ std::string hex(const unsigned char *bytes, size_t size)
 }
 
 /* One of OpenSSL's digests; usable again after finish(). */
-class evp
-{
+class evp {
   public:
     explicit evp(const EVP_MD *algorithm) : context_(EVP_MD_CTX_new()), algorithm_(algorithm)
     {
@@ -78,8 +77,7 @@ class evp
     bool good_ = false;
 };
 
-class digest_checksum final : public tirval_gfs_checksum_s
-{
+class digest_checksum final : public tirval_gfs_checksum_s {
   public:
     explicit digest_checksum(const EVP_MD *algorithm) : digest_(algorithm) {}
     bool update(const unsigned char *data, size_t size) override
@@ -98,8 +96,7 @@ class digest_checksum final : public tirval_gfs_checksum_s
     evp digest_;
 };
 
-class adler32_checksum final : public tirval_gfs_checksum_s
-{
+class adler32_checksum final : public tirval_gfs_checksum_s {
   public:
     bool update(const unsigned char *data, size_t size) override
     {
@@ -121,8 +118,7 @@ class adler32_checksum final : public tirval_gfs_checksum_s
 };
 
 /* OneDrive gives the hash in Base64 (RFC 4648); the text is that, each character in hexadecimal. */
-class quick_xor_checksum final : public tirval_gfs_checksum_s
-{
+class quick_xor_checksum final : public tirval_gfs_checksum_s {
   public:
     bool update(const unsigned char *data, size_t size) override
     {
@@ -143,8 +139,7 @@ class quick_xor_checksum final : public tirval_gfs_checksum_s
 };
 
 /* Dropbox's content hash: SHA-256 over the SHA-256 digests of blocks of 4 MiB. */
-class dropbox_checksum final : public tirval_gfs_checksum_s
-{
+class dropbox_checksum final : public tirval_gfs_checksum_s {
   public:
     bool update(const unsigned char *data, size_t size) override
     {
@@ -202,9 +197,9 @@ constexpr struct {
     const char *name;
     maker make;
 } algorithms[] = {
-    {"MD5", make_digest<EVP_md5>},        {"SHA1", make_digest<EVP_sha1>},
-    {"SHA256", make_digest<EVP_sha256>},  {"SHA512", make_digest<EVP_sha512>},
-    {"ADLER32", make<adler32_checksum>},  {"QuickXORHex", make<quick_xor_checksum>},
+    {"MD5", make_digest<EVP_md5>},       {"SHA1", make_digest<EVP_sha1>},
+    {"SHA256", make_digest<EVP_sha256>}, {"SHA512", make_digest<EVP_sha512>},
+    {"ADLER32", make<adler32_checksum>}, {"QuickXORHex", make<quick_xor_checksum>},
     {"Dropbox", make<dropbox_checksum>},
 };
 

@@ -33,8 +33,7 @@ const char *name_of(entry which)
 
 /* Blocks every signal that is not a fault of the thread's own, so that no system call of a storage
  * ends early. */
-class signals_blocked
-{
+class signals_blocked {
   public:
     signals_blocked()
     {
@@ -54,8 +53,7 @@ class signals_blocked
 };
 
 /* A new error scope, current while it lives; its end releases what was put meanwhile. */
-class error_scope
-{
+class error_scope {
   public:
     error_scope() : scope_(tirval_error_scope_create()), before_(tirval_error_scope_enter(scope_))
     {

@@ -38,8 +38,7 @@ struct tirval_gfs_operation_s {
 namespace tirval_gfs {
 
 /* Makes a scope the thread's current one while it lives. */
-class scope_entered
-{
+class scope_entered {
   public:
     explicit scope_entered(tirval_error_scope_t *scope) : before_(tirval_error_scope_enter(scope))
     {

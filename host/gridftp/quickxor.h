@@ -11,8 +11,7 @@
 
 namespace tirval_gfs {
 
-class quick_xor
-{
+class quick_xor {
   public:
     void update(const unsigned char *data, std::size_t size);
     std::array<unsigned char, 20> finish() const;

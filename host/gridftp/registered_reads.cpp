@@ -76,7 +76,7 @@ tirval_result_t serve_from_ahead(tirval_gfs_operation_t op)
     registered_reads &reads = op->reads;
     upload_state &upload = op->upload;
     tirval_size_t count = std::min(reads.request.length, upload.ahead.filled);
-    tirval_off_t offset = tirval_gfs::upload_end(upload);
+    tirval_off_t offset = tirval_gfs::upload_end(upload) - upload.range_offset;
     if (count > 0) {
         memcpy(reads.request.buffer, upload.ahead.memory.data(), count);
     }
@@ -116,8 +116,7 @@ tirval_result_t registration_obstacle(tirval_gfs_operation_t op)
         return put_error(TIRVAL_ERROR_TYPE_ARGUMENT, __func__, __LINE__,
                          "Only a store reads from the client.");
     }
-    if (tirval_gfs::read_is_registered(op) ||
-        (upload.open && upload.body.filled < upload.length)) {
+    if (tirval_gfs::read_is_registered(op) || (upload.open && upload.body.filled < upload.length)) {
         return put_error(TIRVAL_ERROR_TYPE_ARGUMENT, __func__, __LINE__,
                          "Another reader waits for the client's data.");
     }

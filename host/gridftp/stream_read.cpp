@@ -47,9 +47,9 @@ tirval_result_t receive(tirval_gfs_operation_t op, received_bytes &into, tirval_
         return TIRVAL_SUCCESS;
     }
     tirval_size_t received = 0;
-    tirval_result_t result = op->backend.receive(op->host, into.memory.data() + into.filled,
-                                                 std::min(capacity, receive_block), wait,
-                                                 &received, blocked);
+    tirval_result_t result =
+        op->backend.receive(op->host, into.memory.data() + into.filled,
+                            std::min(capacity, receive_block), wait, &received, blocked);
     if (result != TIRVAL_SUCCESS) {
         return remember_failure(op, result);
     }

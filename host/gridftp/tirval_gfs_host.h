@@ -84,10 +84,11 @@ TIRVAL_API void tirval_gfs_run_command(const tirval_gfs_storage_iface_t *iface, 
                                        const tirval_gfs_backend_t *backend, void *host);
 /*
  * A transfer's reported success counts only if it happened; otherwise the back end is told an FTP
- * response error instead: what begin_transfer, send or receive failed with, or 451.  A download
- * counts when it had begun and every range handed out was delivered to its announced end;
- * `known_size` (-1: not known) excuses a range that starts at or beyond the end of the file.  A
- * store counts when it had begun and the client's data was read to the end.
+ * response error instead: what begin_transfer, send or receive failed with, 426 when the operation
+ * was cancelled, or 451.  A download counts when it had begun, its ranges were asked for until there
+ * were no more, and every one was delivered to its announced end; `known_size` (-1: not known)
+ * excuses a range that starts at or beyond the end of the file.  A store counts when it had begun
+ * and the client's data was read to the end.
  */
 TIRVAL_API void tirval_gfs_run_send(const tirval_gfs_storage_iface_t *iface, void *session,
                                     tirval_gfs_transfer_info_t *transfer_info,

@@ -30,7 +30,7 @@ struct download_state {
     tirval_off_t length = 0;
     bool handed_out = false;
     bool delivered = false;
-    bool exhausted = false;         /* there is no range after that one */
+    bool exhausted = false;          /* there is no range after that one */
     bool earlier_incomplete = false; /* the storage went on to the next before one was delivered */
     /* The attempt to deliver it. */
     bool open = false;
@@ -39,8 +39,7 @@ struct download_state {
 };
 
 /* Memory that grows on demand and stays for the next body. */
-class block_memory
-{
+class block_memory {
   public:
     /* Makes room for `size` bytes, keeping the content; false when memory ran out. */
     bool reserve(tirval_size_t size);

@@ -90,7 +90,9 @@ void set_common_options(curl_options &options)
     options.number(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1);
     options.number(CURLOPT_SSL_VERIFYPEER, 1);
     options.number(CURLOPT_SSL_VERIFYHOST, 2);
-    // The shared store replaces these; libcurl would read them again for each connection.
+    // The shared store replaces these; libcurl would read them again for each connection.  Its own
+    // cache would give later connections the first one's store, also after a reload.
+    options.number(CURLOPT_CA_CACHE_TIMEOUT, 0);
     options.text(CURLOPT_CAINFO, nullptr);
     options.text(CURLOPT_CAPATH, nullptr);
     options.text(CURLOPT_USERAGENT, "tirval");

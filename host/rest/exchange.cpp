@@ -10,6 +10,7 @@
 #include <linux/sockios.h>
 #include <new>
 #include <sys/ioctl.h>
+#include <sys/select.h>
 #include <vector>
 
 namespace tirval::rest {
@@ -43,6 +44,26 @@ std::string safe_detail(CURLcode code, const char *text)
     std::replace_if(
         detail.begin(), detail.end(), [](unsigned char c) { return c < ' ' || c == 127; }, ' ');
     return detail;
+}
+
+/* What the kernel has not delivered yet on the sockets of the running transfer. */
+int unsent_bytes(CURLM *multi)
+{
+    fd_set readable, writable, exceptional;
+    FD_ZERO(&readable);
+    FD_ZERO(&writable);
+    FD_ZERO(&exceptional);
+    int last = -1;
+    int total = 0;
+    curl_multi_fdset(multi, &readable, &writable, &exceptional, &last);
+    for (int socket = 0; socket <= last; ++socket) {
+        int unsent = 0;
+        const bool in_use = FD_ISSET(socket, &readable) || FD_ISSET(socket, &writable);
+        if (in_use && ioctl(socket, SIOCOUTQ, &unsent) == 0) {
+            total += unsent;
+        }
+    }
+    return total;
 }
 
 bool expects_a_body(const std::string &method)
@@ -267,7 +288,8 @@ problem exchange::conclude(CURLcode code)
     if (code != CURLE_OK) {
         return {failure::none, code, TIRVAL_SUCCESS, safe_detail(code, error_text.data())};
     }
-    return sink != nullptr ? problem{} : problem::of(failure::malformed_answer, "no final status");
+    // libcurl takes a connection that ends within the headers for an answer without a body.
+    return sink != nullptr ? problem{} : problem::of(failure::short_head);
 }
 
 problem exchange::finish(problem outcome)
@@ -302,13 +324,10 @@ void exchange::note_progress()
 /* The last megabytes of a body wait in the kernel: the peer takes them though nothing is sent. */
 bool exchange::peer_took_unsent_bytes()
 {
-    curl_socket_t socket = CURL_SOCKET_BAD;
-    int now = 0;
-    if (sent == 0 ||
-        curl_easy_getinfo(session.easy(), CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK ||
-        socket == CURL_SOCKET_BAD || ioctl(socket, SIOCOUTQ, &now) != 0) {
+    if (sent == 0) {
         return false;
     }
+    const int now = unsent_bytes(session.multi());
     const bool fewer = now < unsent;
     unsent = now;
     return fewer;
@@ -343,7 +362,7 @@ void exchange::wait()
         extra[count++] = {cancel, CURL_WAIT_POLLIN, 0};
     }
     // The service takes longest over its answer: receive the next body's bytes meanwhile.
-    const auto operation = body.read_completely() ? body.operation() : nullptr;
+    auto *const operation = body.read_completely() ? body.operation() : nullptr;
     const int ahead = operation == nullptr ? -1 : tirval_gfs_stream_ahead_descriptor(operation);
     const unsigned ahead_index = count;
     if (ahead >= 0) {

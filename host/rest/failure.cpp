@@ -40,6 +40,7 @@ constexpr std::array failures = {
                 {never, TIRVAL_ERROR_TYPE_PROTOCOL, "the answer has too many headers"}},
     failure_row{failure::malformed_answer,
                 {never, TIRVAL_ERROR_TYPE_PROTOCOL, "the answer is not HTTP"}},
+    failure_row{failure::short_head, {retry, TIRVAL_ERROR_TYPE_NETWORK, "the answer broke off"}},
     failure_row{failure::body_too_large,
                 {never, TIRVAL_ERROR_TYPE_SERVICE_ANSWER, "the answer is too large"}},
     failure_row{failure::json_too_deep,

@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 #include <span>
 #include <string>
+#include <utility>
 
 namespace tirval::rest {
 
@@ -27,6 +28,7 @@ enum class failure {
     sent_twice,         /* libcurl was about to send the request a second time */
     headers_too_large,  /* more header lines or bytes than are taken */
     malformed_answer,   /* the answer's head makes no sense */
+    short_head,         /* the connection ended before the answer's head did */
     body_too_large,     /* more JSON than is taken */
     json_too_deep,      /* JSON nested deeper than the parser allows */
     redirect,           /* a redirect where content was expected */
@@ -72,7 +74,10 @@ struct problem {
 
     explicit operator bool() const { return what != failure::none || code != CURLE_OK; }
 
-    static problem of(failure what, std::string detail = {}) { return {what, CURLE_OK, 0, detail}; }
+    static problem of(failure what, std::string detail = {})
+    {
+        return {what, CURLE_OK, TIRVAL_SUCCESS, std::move(detail)};
+    }
     /* None when the callback succeeded. */
     static problem of_callback(tirval_result_t result)
     {

@@ -77,7 +77,7 @@ problem make_headers(const tirval_dsi_rest_key_array_t *headers, request_headers
             return trouble;
         }
         if (send) {
-            append(out.list, value.empty() ? name + ":" : name + ": " + value);
+            append(out.list, std::string(name).append(value.empty() ? ":" : ": ").append(value));
             expects = expects || same_field_name(name, "Expect");
         }
     }

@@ -53,6 +53,14 @@ void append_query(std::string &text, const tirval_dsi_rest_key_array_t *query)
     }
 }
 
+/* libcurl would also take one slash, or three, before the host. */
+bool has_two_slashes(std::string_view uri)
+{
+    const auto colon = uri.find(':');
+    return colon != std::string_view::npos && uri.substr(colon + 1, 2) == "//" &&
+           uri.substr(colon + 3, 1) != "/";
+}
+
 } // namespace
 
 std::string encode_query_text(std::string_view text)
@@ -89,7 +97,7 @@ problem make_uri(const char *uri, const tirval_dsi_rest_key_array_t *query, requ
     append_query(out.text, query);
     const url_ptr url(curl_url());
     const unsigned flags = CURLU_DISALLOW_USER | CURLU_PATH_AS_IS | CURLU_NON_SUPPORT_SCHEME;
-    if (url == nullptr ||
+    if (url == nullptr || !has_two_slashes(out.text) ||
         curl_url_set(url.get(), CURLUPART_URL, out.text.c_str(), flags) != CURLUE_OK) {
         return problem::of(failure::bad_uri);
     }

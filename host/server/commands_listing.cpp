@@ -45,14 +45,13 @@ class listing_stream_t {
         return !failure_;
     }
 
-    bool begun() const { return begun_; }
-
     /* The final reply, after the storage has ended with `result`. */
     std::string end(std::optional<failure_t> result, const std::string &path)
     {
         if (result && !failure_) {
             if (begun_) {
                 result->code = 451;
+                note(sender_.finish());
             }
             return failure_reply(*result, path);
         }

@@ -369,6 +369,9 @@ std::string request_error(tirval_result_t result)
     while (line.ends_with('\n')) {
         line.pop_back();
     }
+    for (auto end = line.find('\n'); end != std::string::npos; end = line.find('\n', end)) {
+        line.replace(end, 1, ": ");
+    }
     return line;
 }
 
@@ -470,7 +473,7 @@ credential_t renew_credential(const std::filesystem::path &path, uid_t owner,
     std::string form = renewal_form(old);
     const token_answer_t answer = ask_token_endpoint(optional_member(old, "token_endpoint"), form);
     OPENSSL_cleanse(form.data(), form.size());
-    if (answer.status != 200 || !json_is_object(answer.json.get())) {
+    if (answer.status != 200) {
         refuse_answer(answer);
     }
     const json_ptr_t json = renewed_json(old, answer, asked_at);

@@ -79,7 +79,7 @@ unique_fd_t try_listen(const socket_address_t &address)
     /* Transfers leave ports in TIME_WAIT behind, which would use up the range. */
     const int on = 1;
     setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    constexpr int backlog = 4; /* strangers may come first */
+    constexpr int backlog = 16; /* strangers may come first */
     if (bind(listener.get(), address.data(), address.size()) != 0 ||
         ::listen(listener.get(), backlog) != 0) {
         return {};

@@ -50,7 +50,7 @@ using asio::ip::tcp;
 using boost::system::error_code;
 
 /* A session answers 421 itself at the log-in time-out; the master waits this much longer. */
-constexpr std::chrono::seconds login_grace{5};
+constexpr std::chrono::seconds login_grace{2};
 /* How long no connection is accepted after the system has run out of something. */
 constexpr std::chrono::milliseconds accept_pause{200};
 constexpr rlim_t spare_descriptors = 128;
@@ -214,6 +214,7 @@ class master_t {
     void watch_deadline(std::uint64_t id);
     void wait_signal();
     void handle_signal(int signal);
+    void drain_report(child_t &child);
     void reap_children();
     void log_end(std::uint64_t id, const child_t &child, int status) const;
     void reload();
@@ -514,6 +515,18 @@ void master_t::watch_deadline(std::uint64_t id)
     });
 }
 
+/* A session may end right after its report, before that has been read. */
+void master_t::drain_report(child_t &child)
+{
+    error_code error;
+    child.report.non_blocking(true, error);
+    const std::size_t size =
+        child.user.empty() ? child.report.read_some(asio::buffer(child.buffer), error) : 0;
+    if (!error && size > 0) {
+        child.user = clean_text({child.buffer.data(), size});
+    }
+}
+
 void master_t::reap_children()
 {
     int status = 0;
@@ -521,6 +534,7 @@ void master_t::reap_children()
         const auto found = std::ranges::find_if(
             children_, [pid](const auto &entry) { return entry.second->pid == pid; });
         if (found != children_.end()) {
+            drain_report(*found->second);
             log_end(found->first, *found->second, status);
             children_.erase(found);
         }

@@ -123,7 +123,7 @@ class client_session_t final : public command_session_t {
     void finish_operation(const std::shared_ptr<outcome_t> &outcome);
     void abort_operation();
     void announce(const std::string &text);
-    void log_transfer_of(const outcome_t &outcome);
+    void log_transfer_of(const outcome_t &outcome) const;
 
     /* Log-in */
     void refuse_password();
@@ -199,7 +199,13 @@ int client_session_t::run()
     start_timers();
     reply(single_reply(220, "Service ready."));
     read_more();
-    io_.run();
+    try {
+        io_.run();
+    } catch (const std::exception &error) {
+        log_error("the session broke off: %s", error.what());
+        status_ = 1;
+        end_session();
+    }
     finish_operations();
     return status_;
 }
@@ -489,7 +495,7 @@ void client_session_t::abort_operation()
           single_reply(226, "Abort successful."));
 }
 
-void client_session_t::log_transfer_of(const outcome_t &outcome)
+void client_session_t::log_transfer_of(const outcome_t &outcome) const
 {
     if (!outcome.transfer) {
         return;

@@ -2,9 +2,30 @@
 #include "tirval_common.h"
 
 #include <cerrno>
+#include <chrono>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
+
+namespace {
+
+thread_local int stray_wake_ups = 0;
+
+} // namespace
+
+/* The system's wait, which may return without a signal; here it does so when a test says so. */
+extern "C" __attribute__((visibility("default"))) int pthread_cond_wait(pthread_cond_t *cond,
+                                                                        pthread_mutex_t *mutex)
+{
+    static const auto system_wait = reinterpret_cast<int (*)(pthread_cond_t *, pthread_mutex_t *)>(
+        dlsym(RTLD_NEXT, "pthread_cond_wait"));
+    if (stray_wake_ups > 0) {
+        --stray_wake_ups;
+        return 0;
+    }
+    return system_wait(cond, mutex);
+}
 
 namespace {
 
@@ -178,8 +199,64 @@ TEST(Cond, GivingUpInTheMiddleOfTheQueueLeavesTheOthersInIt)
     EXPECT_EQ(shared.woken.size(), 2U);
 }
 
+tirval_abstime_t from_now(long nanoseconds)
+{
+    tirval_abstime_t time;
+    tirval_abstime_get_current(&time);
+    time.tv_nsec += nanoseconds;
+    time.tv_sec += time.tv_nsec / 1'000'000'000;
+    time.tv_nsec %= 1'000'000'000;
+    return time;
+}
+
+TEST(Cond, ASignalThatComesAfterTheDeadlineButBeforeTheWaiterIsBackCounts)
+{
+    monitor shared;
+    bool waits = false;
+    const tirval_abstime_t deadline = from_now(20'000'000);
+    const std::jthread waiter([&] {
+        shared.lock();
+        waits = true;
+        EXPECT_EQ(tirval_cond_timedwait(&shared.cond, &shared.mutex, &deadline), 0);
+        shared.unlock();
+    });
+    for (bool signalled = false; !signalled; std::this_thread::yield()) {
+        shared.lock();
+        if (waits) { /* the waiter cannot come back while the mutex is held */
+            std::this_thread::sleep_for(std::chrono::milliseconds(40));
+            tirval_cond_signal(&shared.cond);
+            signalled = true;
+        }
+        shared.unlock();
+    }
+}
+
+TEST(Cond, AStrayWakeUpDoesNotEndAWait)
+{
+    monitor shared;
+    bool waits = false;
+    bool signalled = false;
+    const std::jthread waiter([&] {
+        shared.lock();
+        waits = true;
+        stray_wake_ups = 3;
+        EXPECT_EQ(tirval_cond_wait(&shared.cond, &shared.mutex), 0);
+        EXPECT_EQ(stray_wake_ups, 0);
+        EXPECT_TRUE(signalled);
+        shared.unlock();
+    });
+    for (bool sent = false; !sent; std::this_thread::yield()) {
+        shared.lock();
+        if (waits) {
+            signalled = true;
+            sent = tirval_cond_signal(&shared.cond) == 0;
+        }
+        shared.unlock();
+    }
+}
+
 /* The consumer's deadlines are so near that many cross the producer's signals. */
-TEST(Cond, ASignalThatCrossesADeadlineIsNeitherLostNorCountedTwice)
+TEST(Cond, SignalsThatCrossDeadlinesAreNeitherLostNorCountedTwice)
 {
     monitor shared;
     bool waits = false;
@@ -189,13 +266,7 @@ TEST(Cond, ASignalThatCrossesADeadlineIsNeitherLostNorCountedTwice)
     std::jthread consumer([&] {
         shared.lock();
         while (!done) {
-            tirval_abstime_t deadline;
-            tirval_abstime_get_current(&deadline);
-            deadline.tv_nsec += 20'000;
-            if (deadline.tv_nsec >= 1'000'000'000) {
-                deadline.tv_nsec -= 1'000'000'000;
-                ++deadline.tv_sec;
-            }
+            const tirval_abstime_t deadline = from_now(20'000);
             waits = true;
             received += tirval_cond_timedwait(&shared.cond, &shared.mutex, &deadline) == 0;
             waits = false;

@@ -127,6 +127,24 @@ TEST(Control, SettingsAreShownAndABadOneChangesNothing)
               3U);
 }
 
+TEST(Control, BytesThatAreNotTextDoNoHarm)
+{
+    sim service;
+    service.control("GET", "file?account=alice&path=/%FF", {}, 404);
+    EXPECT_EQ(service.get("alice", "/v1.0/me", {{"client-request-id", "\xFF"}}).status, 200U);
+    EXPECT_EQ(
+        service.get("alice", "/v1.0/me/drive/root:/%FF", {{"client-request-id", "\xFF"}}).status,
+        400U);
+    EXPECT_EQ(service.send("POST", "/%FF/oauth2/v2.0/token", {}, "client_id=%FF&grant_type=%FF")
+                  .reply.status,
+              400U);
+    EXPECT_EQ(
+        service.send("POST", "/common/oauth2/v2.0/devicecode", {}, "client_id=%FF&scope=openid%FF")
+            .reply.status,
+        200U);
+    service.control("GET", "device");
+}
+
 TEST(Control, UnknownPathsAndMethodsAreRefused)
 {
     sim service;

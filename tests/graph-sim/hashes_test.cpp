@@ -80,7 +80,8 @@ TEST(Digests, AgreeWithTheVectorsOfFips180)
 
 TEST(Digests, AreLeftOutAboveTheLimit)
 {
-    const hash_set &hashes = text_content("abcd")->hashes(3);
+    const content_ptr data = text_content("abcd");
+    const hash_set &hashes = data->hashes(3);
     EXPECT_FALSE(hashes.quick_xor);
     EXPECT_FALSE(hashes.sha1);
     EXPECT_FALSE(hashes.sha256);

@@ -119,6 +119,7 @@ TEST(Record, SurvivesTargetsThatAreNotText)
     kept.begin(got, request_kind::other, "");
     const json entry = json::share(json_array_get(kept.list({}).at("requests").get(), 0));
     EXPECT_EQ(entry.at("headers").at("X").as_text(), "%FF");
+    EXPECT_EQ(entry.at("query").as_text(), "%FE");
 }
 
 } // namespace graph_sim

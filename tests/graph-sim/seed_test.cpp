@@ -139,7 +139,7 @@ TEST(Seed, AnAccountMayHaveNoDrive)
 
 TEST(Seed, MistakesAreNamedWithTheirPlace)
 {
-    EXPECT_EQ(refusal("{"), "seed:1:1: '}' expected near end of file");
+    EXPECT_EQ(refusal("{"), "seed:1:1: string or '}' expected near end of file");
     EXPECT_EQ(refusal("{}"), "seed: /: \"accounts\" needs at least one account");
     EXPECT_EQ(refusal(R"({"accounts": [{}]})"), "seed: /accounts/0: \"name\" is missing or empty");
     EXPECT_EQ(refusal(R"({"accounts": [{"name": "a"}, {"name": "a"}]})"),

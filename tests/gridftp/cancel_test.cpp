@@ -17,8 +17,7 @@ bool readable(int descriptor)
     return poll(&one, 1, 0) == 1 && (one.revents & POLLIN) != 0;
 }
 
-class Cancel : public testing::Test
-{
+class Cancel : public testing::Test {
   protected:
     ~Cancel() override { tirval_gfs_cancel_clear(); }
 };

@@ -37,8 +37,8 @@ std::string checksum(const std::string &algorithm, const std::string &data, size
     tirval_gfs_checksum_t engine = nullptr;
     EXPECT_EQ(tirval_gfs_checksum_init(algorithm.c_str(), &engine), TIRVAL_SUCCESS);
     for (size_t place = 0; place < data.size();) {
-        size_t size = std::min(std::uniform_int_distribution<size_t>(1, most)(random),
-                               data.size() - place);
+        size_t size =
+            std::min(std::uniform_int_distribution<size_t>(1, most)(random), data.size() - place);
         EXPECT_EQ(tirval_gfs_checksum_update(engine, data.data() + place, size), TIRVAL_SUCCESS);
         place += size;
     }
@@ -73,8 +73,7 @@ std::string hex_of_text(const std::string &text)
 
 TEST(Checksum, QuickXorIsTheHexOfItsBase64Text)
 {
-    expect_checksum("QuickXORHex", "",
-                    "4141414141414141414141414141414141414141414141414141413d");
+    expect_checksum("QuickXORHex", "", "4141414141414141414141414141414141414141414141414141413d");
 }
 
 TEST(Checksum, QuickXorAgreesWithIndependentValues)
@@ -158,8 +157,7 @@ TEST(Checksum, DigestsAgreeWithTheStandardsExamples)
     expect_checksum("SHA512", "abc",
                     "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
                     "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f");
-    expect_checksum("SHA1", std::string(1000000, 'a'),
-                    "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
+    expect_checksum("SHA1", std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
 }
 
 TEST(Checksum, AdlerHasEightDigits)

@@ -38,8 +38,7 @@ memory_range next(tirval_gfs_operation_t op)
     return range;
 }
 
-class Download : public testing::Test
-{
+class Download : public testing::Test {
   protected:
     ~Download() override { tirval_gfs_cancel_clear(); }
 

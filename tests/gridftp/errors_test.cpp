@@ -42,16 +42,14 @@ TEST(FtpResponseError, TellsCodeTagAndMessage)
     EXPECT_EQ(code, 550);
     EXPECT_STREQ(tag, "PATH_NOT_FOUND");
     EXPECT_STREQ(message, "GridFTP-Path: \"/a\"");
-    EXPECT_EQ(printed(tirval_error_print(error.get())),
-              "550 PATH_NOT_FOUND: GridFTP-Path: \"/a\"");
+    EXPECT_EQ(printed(tirval_error_print(error.get())), "550 PATH_NOT_FOUND: GridFTP-Path: \"/a\"");
 }
 
 TEST(FtpResponseError, LeavesOutThePartsThatAreNull)
 {
     EXPECT_EQ(printed(tirval_error_print(reply(nullptr, 451, "TOO_BUSY", nullptr).get())),
               "451 TOO_BUSY");
-    EXPECT_EQ(printed(tirval_error_print(reply(nullptr, 451, nullptr, "wait").get())),
-              "451: wait");
+    EXPECT_EQ(printed(tirval_error_print(reply(nullptr, 451, nullptr, "wait").get())), "451: wait");
     object bare = reply(nullptr, 451, nullptr, nullptr);
     EXPECT_EQ(printed(tirval_error_print(bare.get())), "451");
     const char *tag = "set";
@@ -114,8 +112,7 @@ TEST(FtpResponseError, ACopyIsIndependentOfTheOriginal)
 TEST(FtpResponseError, IsAnErrorOfItsOwnType)
 {
     object error = reply(nullptr, 451, nullptr, nullptr);
-    EXPECT_EQ(tirval_object_get_type(error.get()),
-              TIRVAL_GFS_ERROR_TYPE_FTP_RESPONSE_DEFINITION);
+    EXPECT_EQ(tirval_object_get_type(error.get()), TIRVAL_GFS_ERROR_TYPE_FTP_RESPONSE_DEFINITION);
     EXPECT_EQ(tirval_object_upcast(error.get(), TIRVAL_ERROR_TYPE_BASE_DEFINITION), error.get());
     EXPECT_EQ(tirval_object_upcast(error.get(), TIRVAL_ERROR_TYPE_GENERIC_DEFINITION), nullptr);
     EXPECT_EQ(tirval_error_get_type(error.get()), TIRVAL_ERROR_TYPE_UNKNOWN);

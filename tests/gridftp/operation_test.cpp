@@ -254,8 +254,7 @@ TEST(Operation, AnEmptySlotOfTheTableAnswersThatItIsNotImplemented)
     EXPECT_FALSE(host.start());
     EXPECT_EQ(host.answer.code, 502);
     EXPECT_EQ(host.answer.tag, "NOT_IMPLEMENTED");
-    EXPECT_EQ(host.answer.text,
-              "502 NOT_IMPLEMENTED: The storage does not offer this operation.");
+    EXPECT_EQ(host.answer.text, "502 NOT_IMPLEMENTED: The storage does not offer this operation.");
     EXPECT_FALSE(host.stat("/"));
     EXPECT_EQ(host.answer.code, 502);
     EXPECT_FALSE(host.command(TIRVAL_GFS_CMD_MKD, "/a"));
@@ -333,8 +332,7 @@ TEST(OperationSignals, AnEntryRunsWithSignalsBlockedAndTheMaskIsRestored)
     EXPECT_EQ(sigismember(&after, SIGPIPE), 0);
 }
 
-class OperationDeathTest : public testing::Test
-{
+class OperationDeathTest : public testing::Test {
   protected:
     OperationDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
     memory_backend host;

@@ -79,8 +79,7 @@ void begin_and_read(tirval_gfs_operation_t op, const std::string &expected)
     EXPECT_EQ(body.substr(0, count), expected);
 }
 
-class RegisteredRead : public testing::Test
-{
+class RegisteredRead : public testing::Test {
   protected:
     ~RegisteredRead() override { tirval_gfs_cancel_clear(); }
 
@@ -167,34 +166,60 @@ TEST_F(RegisteredRead, AStoreMayReadAllOfTheDataThisWay)
 TEST_F(RegisteredRead, BytesReceivedAheadComeFirst)
 {
     host.upload = "0123+-";
-    host.in_recv([&](tirval_gfs_operation_t op) {
-        begin_and_read(op, "0123");
-        tirval_gfs_stream_receive_ahead(op);
-        EXPECT_EQ(host.received, 5u);
-        probe first;
-        EXPECT_EQ(first.run(op, 8), TIRVAL_SUCCESS);
-        EXPECT_EQ(first.bytes, "+");
-        EXPECT_EQ(first.offset, 4);
-        EXPECT_FALSE(first.eof);
-        EXPECT_NE(first.thread, std::this_thread::get_id());
-        EXPECT_EQ(host.reads_registered, 0);
-        probe second;
-        EXPECT_EQ(second.run(op), TIRVAL_SUCCESS);
-        EXPECT_EQ(second.bytes, "-");
-        EXPECT_EQ(host.reads_registered, 1);
-    }, 4);
+    host.in_recv(
+        [&](tirval_gfs_operation_t op) {
+            begin_and_read(op, "0123");
+            tirval_gfs_stream_receive_ahead(op);
+            EXPECT_EQ(host.received, 5u);
+            probe first;
+            EXPECT_EQ(first.run(op, 8), TIRVAL_SUCCESS);
+            EXPECT_EQ(first.bytes, "+");
+            EXPECT_EQ(first.offset, 4);
+            EXPECT_FALSE(first.eof);
+            EXPECT_NE(first.thread, std::this_thread::get_id());
+            EXPECT_EQ(host.reads_registered, 0);
+            probe second;
+            EXPECT_EQ(second.run(op), TIRVAL_SUCCESS);
+            EXPECT_EQ(second.bytes, "-");
+            EXPECT_EQ(host.reads_registered, 1);
+        },
+        4);
+}
+
+TEST_F(RegisteredRead, OffsetsCountFromTheFirstByteOfTheClientsData)
+{
+    host.upload = "0123+-";
+    host.write_range = {1000, -1};
+    host.in_recv(
+        [&](tirval_gfs_operation_t op) {
+            tirval_gridftp_server_begin_transfer(op, 0, nullptr);
+            EXPECT_EQ(tirval_gfs_stream_open_read(op, 1000, 4), TIRVAL_SUCCESS);
+            char body[4];
+            size_t count = 0;
+            EXPECT_EQ(tirval_gfs_stream_read(op, body, sizeof body, &count), TIRVAL_SUCCESS);
+            tirval_gfs_stream_receive_ahead(op);
+            probe ahead;
+            ahead.run(op);
+            EXPECT_EQ(ahead.offset, 4);
+            probe next;
+            next.run(op);
+            EXPECT_EQ(next.offset, 5);
+        },
+        1004);
 }
 
 TEST_F(RegisteredRead, AnEndSeenBeforeIsToldWithoutTheBackEnd)
 {
     host.upload = "0123";
-    host.in_recv([&](tirval_gfs_operation_t op) {
-        begin_and_read(op, "0123");
-        tirval_gfs_stream_receive_ahead(op);
-        probe end;
-        EXPECT_EQ(end.run(op), TIRVAL_SUCCESS);
-        expect_end(end);
-    }, 4);
+    host.in_recv(
+        [&](tirval_gfs_operation_t op) {
+            begin_and_read(op, "0123");
+            tirval_gfs_stream_receive_ahead(op);
+            probe end;
+            EXPECT_EQ(end.run(op), TIRVAL_SUCCESS);
+            expect_end(end);
+        },
+        4);
     EXPECT_EQ(host.reads_registered, 0);
     EXPECT_TRUE(host.answer.success());
 }
@@ -289,9 +314,7 @@ TEST_F(RegisteredRead, OneThatCannotBeServedIsRefused)
         tirval_gfs_cancel(TIRVAL_GFS_CANCEL_ABORT);
         EXPECT_NE(refused.run(op), TIRVAL_SUCCESS);
     });
-    host.in_send([&](tirval_gfs_operation_t op) {
-        EXPECT_NE(refused.run(op), TIRVAL_SUCCESS);
-    });
+    host.in_send([&](tirval_gfs_operation_t op) { EXPECT_NE(refused.run(op), TIRVAL_SUCCESS); });
     EXPECT_EQ(refused.calls, 0);
     EXPECT_EQ(host.reads_registered, 0);
 }
@@ -315,6 +338,75 @@ TEST_F(RegisteredRead, OneThatTheStorageLeftBehindIsCompletedBeforeTheRunEnds)
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(host.answer.tag, "TRANSFER_INCOMPLETE");
     EXPECT_EQ(tirval_gfs_cancelled(), TIRVAL_GFS_CANCEL_NONE);
+}
+
+/* Runs a store that registers one read with a back end that serves it by `serve`. */
+void store_with(tirval_result_t (*serve)(void *host, void *buffer, tirval_size_t length,
+                                         tirval_gfs_read_done_t done, void *done_arg))
+{
+    tirval_gfs_backend_t backend = {};
+    backend.register_read = serve;
+    tirval_gfs_storage_iface_t storage = {};
+    storage.recv_func = [](tirval_gfs_operation_t op, tirval_gfs_transfer_info_t *, void *) {
+        static tirval_byte_t buffer[1];
+        tirval_gridftp_server_begin_transfer(op, 0, nullptr);
+        tirval_gridftp_server_register_read(
+            op, buffer, 1,
+            [](tirval_gfs_operation_t, tirval_result_t, tirval_byte_t *, tirval_size_t,
+               tirval_off_t, bool, void *) {},
+            nullptr);
+        tirval_gridftp_server_finished_transfer(op, TIRVAL_FAILURE);
+    };
+    tirval_gfs_transfer_info_t info = {"/a", 0, true};
+    tirval_gfs_run_recv(&storage, nullptr, &info, &backend, nullptr);
+}
+
+class RegisteredReadDeathTest : public testing::Test {
+  protected:
+    RegisteredReadDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+};
+
+TEST_F(RegisteredReadDeathTest, ASecondCompletionEndsTheProcess)
+{
+    EXPECT_DEATH(
+        store_with([](void *, void *, tirval_size_t, tirval_gfs_read_done_t done, void *done_arg) {
+            std::thread([=] {
+                done(done_arg, TIRVAL_SUCCESS, 0, 0);
+                done(done_arg, TIRVAL_SUCCESS, 0, 0);
+            }).join();
+            return TIRVAL_SUCCESS;
+        }),
+        "completed a registered read that does not wait");
+}
+
+TEST_F(RegisteredReadDeathTest, ACompletionOnTheRegisteringThreadEndsTheProcess)
+{
+    EXPECT_DEATH(
+        store_with([](void *, void *, tirval_size_t, tirval_gfs_read_done_t done, void *done_arg) {
+            done(done_arg, TIRVAL_SUCCESS, 0, 0);
+            return TIRVAL_SUCCESS;
+        }),
+        "on the thread that registered it");
+}
+
+TEST_F(RegisteredReadDeathTest, ACompletionOfARefusedReadEndsTheProcess)
+{
+    EXPECT_DEATH(
+        store_with([](void *, void *, tirval_size_t, tirval_gfs_read_done_t done, void *done_arg) {
+            std::thread([=] { done(done_arg, TIRVAL_SUCCESS, 0, 0); }).join();
+            return TIRVAL_FAILURE;
+        }),
+        "completed a registered read that it refused");
+}
+
+TEST_F(RegisteredReadDeathTest, MoreBytesThanRegisteredEndTheProcess)
+{
+    EXPECT_DEATH(store_with([](void *, void *, tirval_size_t length, tirval_gfs_read_done_t done,
+                               void *done_arg) {
+                     std::thread([=] { done(done_arg, TIRVAL_SUCCESS, length + 1, 0); }).join();
+                     return TIRVAL_SUCCESS;
+                 }),
+                 "read more than was registered");
 }
 
 TEST_F(RegisteredRead, ManyRunsInARowCompleteEachOfThem)

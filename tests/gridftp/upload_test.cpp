@@ -64,8 +64,7 @@ bool receive_ahead(tirval_gfs_operation_t op)
     return true;
 }
 
-class Upload : public testing::Test
-{
+class Upload : public testing::Test {
   protected:
     ~Upload() override { tirval_gfs_cancel_clear(); }
 

@@ -79,10 +79,9 @@ TEST(DebugChannel, PutsTheTimeWithThreeFinalZerosBeforeLinesOfTimestampedLevels)
     const memory_channel channel(TIRVAL_ONEDRIVE_ALL, TIRVAL_ONEDRIVE_TRACE);
     write_line(TIRVAL_ONEDRIVE_TRACE, "enter");
     write_line(TIRVAL_ONEDRIVE_DEBUG, "plain");
-    EXPECT_THAT(channel.text(),
-                MatchesRegex("[0-9]+\\.[0-9]{6}000::OneDrive: TRACE: " + process() +
-                             ": some_function: enter\nOneDrive: DEBUG: " + process() +
-                             ": some_function: plain\n"));
+    EXPECT_THAT(channel.text(), MatchesRegex("[0-9]+\\.[0-9]{6}000::OneDrive: TRACE: " + process() +
+                                             ": some_function: enter\nOneDrive: DEBUG: " +
+                                             process() + ": some_function: plain\n"));
 }
 
 TEST(DebugChannel, TheTimeIsTheWallClocks)
@@ -100,8 +99,8 @@ TEST(DebugChannel, PutsTheThreadBeforePrefixAndMessage)
     const std::string self = std::to_string(tirval_thread_self());
     const memory_channel channel(TIRVAL_ONEDRIVE_ALL, 0, true);
     write_line(TIRVAL_ONEDRIVE_TRACE, "hello");
-    EXPECT_EQ(channel.text(), self + "::OneDrive: TRACE: " + process() + ": some_function: " +
-                                  self + "::hello\n");
+    EXPECT_EQ(channel.text(),
+              self + "::OneDrive: TRACE: " + process() + ": some_function: " + self + "::hello\n");
 }
 
 TEST(DebugChannel, PutsThreadAndTimeBeforeThePrefixButOnlyTheThreadBeforeTheMessage)
@@ -109,9 +108,8 @@ TEST(DebugChannel, PutsThreadAndTimeBeforeThePrefixButOnlyTheThreadBeforeTheMess
     const std::string self = std::to_string(tirval_thread_self());
     const memory_channel channel(TIRVAL_ONEDRIVE_ALL, TIRVAL_ONEDRIVE_ALL, true);
     write_line(TIRVAL_ONEDRIVE_TRACE, "hello");
-    EXPECT_THAT(channel.text(),
-                MatchesRegex(self + ":[0-9]+\\.[0-9]{6}000::OneDrive: TRACE: " + process() +
-                             ": some_function: " + self + "::hello\n"));
+    EXPECT_THAT(channel.text(), MatchesRegex(self + ":[0-9]+\\.[0-9]{6}000::OneDrive: TRACE: " +
+                                             process() + ": some_function: " + self + "::hello\n"));
 }
 
 TEST(DebugChannel, CutsALongFormatWhenAThreadOrTimeIsPutBeforeIt)
@@ -242,10 +240,9 @@ TEST(DebugChannel, AFunctionWithAResultWritesEnterAndItsOutcome)
     const memory_channel channel(TIRVAL_ONEDRIVE_ALL);
     int32_t rate = 0;
     (void)tirval_onedrive_config_parse_json("{}", &rate);
-    EXPECT_THAT(channel.lines(),
-                ElementsAre("TRACE tirval_onedrive_config_parse_json: enter",
-                            "TRACE tirval_onedrive_config_parse_json: exit: "
-                            "result=TIRVAL_SUCCESS"));
+    EXPECT_THAT(channel.lines(), ElementsAre("TRACE tirval_onedrive_config_parse_json: enter",
+                                             "TRACE tirval_onedrive_config_parse_json: exit: "
+                                             "result=TIRVAL_SUCCESS"));
 }
 
 TEST(DebugChannel, EvaluatingAPathWritesNoEnterLine)
@@ -298,8 +295,8 @@ TEST(DebugChannel, WritesTheNamedLevelsToTheNamedFileAndClosesItAtTheEnd)
                                const auto &handle = tirval_i_TIRVAL_ONEDRIVE_debug_handle;
                                write_line(TIRVAL_ONEDRIVE_TRACE, "left out");
                                write_line(TIRVAL_ONEDRIVE_ERROR, "kept");
-                               return handle.levels == (TIRVAL_ONEDRIVE_WARN |
-                                                        TIRVAL_ONEDRIVE_ERROR) &&
+                               return handle.levels ==
+                                                  (TIRVAL_ONEDRIVE_WARN | TIRVAL_ONEDRIVE_ERROR) &&
                                               handle.timestamp_levels == TIRVAL_ONEDRIVE_WARN &&
                                               !handle.thread_ids && handle.using_file
                                           ? 0
@@ -313,14 +310,12 @@ TEST(DebugChannel, WritesTheNamedLevelsToTheNamedFileAndClosesItAtTheEnd)
     EXPECT_FALSE(std::getline(file, line));
 }
 
-TEST(DebugChannel, LeavesStandardErrorOpenAtTheEnd)
+TEST(DebugChannel, WritesToStandardErrorAndLeavesItOpenAtTheEnd)
 {
-    EXPECT_EQ(with_channel("levels=ERROR",
-                           [] {
-                               const auto &handle = tirval_i_TIRVAL_ONEDRIVE_debug_handle;
-                               return handle.file != nullptr && !handle.using_file ? 0 : 1;
-                           }),
-              0);
+    EXPECT_EQ(
+        with_channel("levels=ERROR",
+                     [] { return tirval_i_TIRVAL_ONEDRIVE_debug_handle.file != nullptr ? 0 : 1; }),
+        0);
     EXPECT_EQ(child_process([] {
                   (void)setenv("TIRVAL_ONEDRIVE_DEBUG", "levels=ERROR", 1);
                   (void)tirval_module_activate(&tirval_i_onedrive_common_module);

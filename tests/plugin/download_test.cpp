@@ -1,5 +1,6 @@
 // Retrieving a file: the redirect to its download address, and the download into the client.
 #include "graph_script.h"
+#include "library_seams.h"
 #include "memory_backend.h"
 #include "test_session.h"
 
@@ -303,6 +304,27 @@ TEST_F(Download, ALocationInThePlainToAnotherHostIsRefused)
     service.answer(graph::redirect("http://files.example/x"));
     EXPECT_FALSE(send());
     EXPECT_EQ(host.sent_bytes(), "");
+}
+
+TEST_F(Download, HeadersAndUriThatCannotBeFormedAreSystemErrorsWithoutARequest)
+{
+    for (int call : {1, 2}) { // the token's header, the URI
+        failing_text = call;
+        EXPECT_FALSE(send());
+        EXPECT_THAT(host.answer.text, testing::StartsWith("System error in malloc")) << call;
+    }
+    EXPECT_THAT(service.requests(), IsEmpty());
+}
+
+TEST_F(Download, ARangeThatCannotBeFormedIsASystemErrorBeforeTheDownload)
+{
+    redirect();
+    host.ranges = {{100, 50}};
+    failing_text = 3;
+    EXPECT_FALSE(send());
+    EXPECT_THAT(host.answer.text, testing::StartsWith("System error in malloc"));
+    EXPECT_EQ(service.requests().size(), 1u);
+    EXPECT_THAT(store.requests(), IsEmpty());
 }
 
 /* ---- The shared allowance of one repetition a pass ---- */

@@ -134,8 +134,8 @@ TEST(ErrorObject, OwnsCopiesOfItsPairs)
 TEST(ErrorObject, KeepsNeitherSourceNorCause)
 {
     const object_t cause(tirval_object_construct(TIRVAL_ERROR_TYPE_BASE_DEFINITION));
-    const object_t error(tirval_onedrive_error_construct(&tirval_i_onedrive_common_module,
-                                                         cause.get(), nullptr));
+    const object_t error(
+        tirval_onedrive_error_construct(&tirval_i_onedrive_common_module, cause.get(), nullptr));
     EXPECT_EQ(tirval_error_get_cause(error.get()), nullptr);
 }
 

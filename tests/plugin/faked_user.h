@@ -16,9 +16,9 @@ struct faked_user {
     const char *name = "u"; /* null: absent */
     std::string home = "/home/u";
     bool has_home = true;
-    bool known = true;      /* false: the database has no entry */
-    size_t entry_size = 0;  /* bytes of buffer that the entry takes */
-    int failure = 0;        /* what every look-up fails with; 0: nothing */
+    bool known = true;     /* false: the database has no entry */
+    size_t entry_size = 0; /* bytes of buffer that the entry takes */
+    int failure = 0;       /* what every look-up fails with; 0: nothing */
     std::vector<uid_t> asked;
     std::vector<size_t> buffers;
 };
@@ -26,7 +26,7 @@ struct faked_user {
 inline faked_user user;
 
 extern "C" TIRVAL_API int getpwuid_r(uid_t uid, passwd *entry, char * /*buffer*/, size_t size,
-                          passwd **found)
+                                     passwd **found)
 {
     user.asked.push_back(uid);
     user.buffers.push_back(size);

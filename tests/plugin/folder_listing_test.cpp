@@ -1,5 +1,6 @@
 // Listing a folder's children through Graph into the path cache.
 #include "graph_script.h"
+#include "library_seams.h"
 #include "test_session.h"
 #include "tirval_gfs_host.h"
 
@@ -377,6 +378,17 @@ TEST_F(FolderListing, AnEntryThatDoesNotParseFailsTheListing)
     EXPECT_TRUE(is_generic_error(result, "Failed info_parse!"));
     EXPECT_NE(session.cached("/My files/a"), nullptr) << "what came before stays";
     EXPECT_EQ(session.cached("/My files/c"), nullptr);
+}
+
+TEST_F(FolderListing, AnEntryThatCannotBeCachedFailsTheListingWithTheSameText)
+{
+    peer.answer(graph::page({graph::file("a")}));
+    child_log log;
+    table_insert_fails = true;
+    const tirval_result_t result = list("/My files", &log);
+    table_insert_fails = false;
+    EXPECT_TRUE(is_generic_error(result, "Failed info_parse!"));
+    EXPECT_THAT(log.children, IsEmpty());
 }
 
 TEST_F(FolderListing, AFollowedSiteWithoutANameFailsTheListing)

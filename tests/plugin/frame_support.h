@@ -1,5 +1,5 @@
-/* What the tests of the plug-in's frame share: temporary folders, error scopes, child processes, and
- * a debug channel that writes into memory. */
+/* What the tests of the plug-in's frame share: temporary folders, error scopes, child processes,
+ * and a debug channel that writes into memory. */
 #ifndef TIRVAL_TESTS_FRAME_SUPPORT_H
 #define TIRVAL_TESTS_FRAME_SUPPORT_H
 
@@ -34,7 +34,10 @@ class temporary_folder {
         std::filesystem::remove_all(path_, ignored);
     }
     [[nodiscard]] const std::string &path() const { return path_; }
-    [[nodiscard]] std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+    [[nodiscard]] std::string operator/(const std::string &name) const
+    {
+        return path_ + "/" + name;
+    }
 
   private:
     std::string path_;
@@ -185,7 +188,8 @@ class memory_channel {
         const std::string all = text();
         const std::string process = ": " + std::to_string(getpid()) + ":";
         std::vector<std::string> found;
-        for (size_t at = 0, end = 0; (end = all.find('\n', at)) != std::string::npos; at = end + 1) {
+        for (size_t at = 0, end = 0; (end = all.find('\n', at)) != std::string::npos;
+             at = end + 1) {
             std::string line = all.substr(at, end - at);
             if (line.starts_with("OneDrive: ")) {
                 line.erase(0, line.find_first_not_of(' ', strlen("OneDrive:")));

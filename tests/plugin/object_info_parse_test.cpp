@@ -140,7 +140,7 @@ TEST_F(ObjectInfoParse, AnUnreadableTimeIsReportedAfterAllElseWasRead)
         parse(R"({"name":"a","id":"1","file":{},"lastModifiedDateTime":"2021-03-04 05:06",
                   "parentReference":{"driveId":"D"}})");
     EXPECT_TRUE(is_generic_error(result, "Error parsing 'lastModifiedDateTime' field!"))
-        << chain_of(result);
+        << message_of(result);
     EXPECT_STREQ(info.parent_id, "D");
     EXPECT_EQ(info.modtime, 1614816000) << "what was read of it is taken";
 }
@@ -230,14 +230,14 @@ TEST_F(ObjectInfoParse, ASitesSizeTimeAndParentAreNotRead)
 TEST_F(ObjectInfoParse, ASiteWithoutASiteIdFails)
 {
     const tirval_result_t result = parse(R"({"displayName":"Team","sharepointIds":{}})");
-    EXPECT_TRUE(is_generic_error(result, "No 'siteId' field found!")) << chain_of(result);
+    EXPECT_TRUE(is_generic_error(result, "No 'siteId' field found!")) << message_of(result);
     EXPECT_EQ(info.type, TIRVAL_ONEDRIVE_FOLDER);
 }
 
 TEST_F(ObjectInfoParse, ASiteWithoutANameFailsAfterItsIdsWereSet)
 {
     const tirval_result_t result = parse(R"({"name":7,"sharepointIds":{"siteId":"S1"}})");
-    EXPECT_TRUE(is_generic_error(result, "No 'name' field found!")) << chain_of(result);
+    EXPECT_TRUE(is_generic_error(result, "No 'name' field found!")) << message_of(result);
     EXPECT_STREQ(info.id, "S1");
     EXPECT_STREQ(info.parent_id, "Shared libraries");
 }

@@ -1,4 +1,5 @@
 // Item records, the four virtual folders, the cache of paths, and what the host sees of a record.
+#include "library_seams.h"
 #include "test_session.h"
 
 #include <gmock/gmock.h>
@@ -228,12 +229,33 @@ TEST_F(PathCache, ARecordWithoutANameOrAnIdIsRefused)
     EXPECT_EQ(tirval_hashtable_size(cache), 4u);
 }
 
-TEST_F(PathCache, AFailedInitialisationIsASystemError)
+TEST_F(PathCache, AFailedInitialisationIsASystemErrorAndTheFoldersAreTriedAllTheSame)
 {
-    // A table that was never initialised takes no entries: what an insertion that fails twice does.
-    tirval_hashtable_t nothing = {};
+    tirval_hashtable_t table = {};
+    debug_trace trace;
+    table_init_fails = true;
+    const tirval_result_t result = tirval_onedrive_path_cache_init(&table);
+    table_init_fails = false;
+    EXPECT_TRUE(is_malloc_error(result)) << message_of(result);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_update: enter\n"), 4u);
+}
+
+TEST_F(PathCache, AnInsertionThatFailsTwiceIsASystemErrorAndTheOldRecordIsGone)
+{
+    update(item("a", "old"), "/My files");
+    table_insert_fails = true;
+    const tirval_result_t result = update(item("a", "new"), "/My files");
+    table_insert_fails = false;
+    EXPECT_TRUE(is_malloc_error(result)) << message_of(result);
+    EXPECT_EQ(query("/My files/a"), nullptr);
+}
+
+TEST_F(PathCache, AKeyThatCannotBeFormedIsASystemError)
+{
     const tirval_onedrive_path_info_t info = item("a", "1");
-    EXPECT_TRUE(is_malloc_error(tirval_onedrive_path_cache_update(&nothing, &info, "/My files")));
+    failing_text = 1;
+    EXPECT_TRUE(is_malloc_error(update(info, "/My files")));
+    EXPECT_EQ(query("/My files/a"), nullptr);
 }
 
 TEST_F(PathCache, QueryAndCopyWritePlainExitLinesAndTheOthersTheirResult)

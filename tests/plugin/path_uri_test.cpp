@@ -1,5 +1,6 @@
 // Which Graph URI a client path becomes, and which paths must not be written.
 #include "http_peer.h"
+#include "library_seams.h"
 #include "test_session.h"
 
 #include <gmock/gmock.h>
@@ -63,9 +64,9 @@ TEST_F(PathUri, ARefusalIsAPermissionErrorThatNamesPathAndReason)
     EXPECT_EQ(reply_of(last), (ftp_reply{550, "PERMISSION_DENIED", std::nullopt}));
     EXPECT_EQ(info_of(last, "OneDrive-Path"), "/My files");
     EXPECT_EQ(info_of(last, "OneDrive-Error"), invalid_write);
-    EXPECT_THAT(chain_of(last), testing::HasSubstr("OneDrive-Path: \"/My files\"\n"
-                                                   "OneDrive-Error: \"" +
-                                                   invalid_write + "\""));
+    EXPECT_THAT(message_of(last), testing::HasSubstr("OneDrive-Path: \"/My files\"\n"
+                                                     "OneDrive-Error: \"" +
+                                                     invalid_write + "\""));
 }
 
 TEST_F(PathUri, TheTopOfMyFilesIsTheDriveRoot)
@@ -204,6 +205,30 @@ TEST_F(PathUri, AWriteToASharedItemItselfIsRefusedBeforeItIsLookedUp)
 {
     write("/Shared/None", "/content");
     EXPECT_EQ(reply_of(last).tag, "PERMISSION_DENIED");
+}
+
+TEST_F(PathUri, AUriThatCannotBeFormedIsASystemErrorAndANullUri)
+{
+    for (const char *path : {"/My files", "/My files/a", "/Shared", "/Shared libraries"}) {
+        char untouched[] = "x";
+        char *out = untouched;
+        failing_text = 1;
+        EXPECT_TRUE(is_malloc_error(
+            tirval_onedrive_path_to_uri(session.handle(), path, "/children", &out, false)));
+        EXPECT_EQ(out, nullptr) << path;
+    }
+    /* Behind the ancestor's path come the drive's part and the whole. */
+    for (const char *path : {"/Shared/Doc", "/Shared libraries/Site/Lib"}) {
+        for (int call : {2, 3}) {
+            char untouched[] = "x";
+            char *out = untouched;
+            failing_text = call;
+            EXPECT_TRUE(is_malloc_error(
+                tirval_onedrive_path_to_uri(session.handle(), path, "/children", &out, false)));
+            EXPECT_EQ(out, nullptr) << path << " " << call;
+        }
+    }
+    EXPECT_EQ(failing_text, 0);
 }
 
 TEST_F(PathUri, NoDebugLineIsItsOwn)

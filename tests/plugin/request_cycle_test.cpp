@@ -361,7 +361,7 @@ TEST_F(RequestCycle, AnEmptyErrorMessageDoesNotEndTheProcess)
 {
     debug_trace trace;
     peer.answer(http_peer_answer::json(400, R"({"error":{"code":"invalidRequest","message":""}})"));
-    EXPECT_EQ(chain_of(send()), "code: \"invalidRequest\"");
+    EXPECT_EQ(message_of(send()), "code: \"invalidRequest\"");
     EXPECT_THAT(trace.text(), HasSubstr("code: \"invalidRequest\""));
 }
 

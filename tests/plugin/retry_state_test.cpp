@@ -215,8 +215,7 @@ TEST_F(RetryState, DoesNotUseAFileOfAnotherUser)
 {
     ASSERT_EQ(geteuid(), 0U) << "this test gives a file away";
     make_folder();
-    const std::string content =
-        text_of({.not_until = 0, .last = {.tv_sec = 8, .tv_nsec = 9000}});
+    const std::string content = text_of({.not_until = 0, .last = {.tv_sec = 8, .tv_nsec = 9000}});
     write_file(file, content);
     ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
     create();
@@ -345,8 +344,7 @@ TEST_F(RetryState, AFailedSecondExtensionLeavesTheMappingThatIsGone)
 TEST(StateFileDeathTest, APathWithoutASlashEndsTheProcess)
 {
     char path[] = "file";
-    EXPECT_DEATH((void)tirval_i_onedrive_state_file_open(path),
-                 "assertion failed: slash != NULL ");
+    EXPECT_DEATH((void)tirval_i_onedrive_state_file_open(path), "assertion failed: slash != NULL ");
 }
 
 /* ---- The lock ---- */

@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 namespace {
 
 /* One answer as the plug-in gave it: the host drops a failed answer's records. */
@@ -29,11 +27,6 @@ void note(bool final_answer, tirval_result_t result,
     raw_answers.push_back(answer);
 }
 
-template <class function> function next_in_line(const char *name)
-{
-    return reinterpret_cast<function>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 /* These stand before the host's own, note the call and hand it on. */
@@ -42,7 +35,7 @@ tirval_gridftp_server_finished_stat(tirval_gfs_operation_t op, tirval_result_t r
                                     const tirval_gridftp_server_control_stat_t *records, int count)
 {
     note(true, result, records, count);
-    next_in_line<decltype(&tirval_gridftp_server_finished_stat)>(
+    next_definition<decltype(tirval_gridftp_server_finished_stat)>(
         "tirval_gridftp_server_finished_stat")(op, result, records, count);
 }
 extern "C" TIRVAL_API void
@@ -51,7 +44,7 @@ tirval_gridftp_server_finished_stat_partial(tirval_gfs_operation_t op, tirval_re
                                             int count)
 {
     note(false, result, records, count);
-    next_in_line<decltype(&tirval_gridftp_server_finished_stat_partial)>(
+    next_definition<decltype(tirval_gridftp_server_finished_stat_partial)>(
         "tirval_gridftp_server_finished_stat_partial")(op, result, records, count);
 }
 

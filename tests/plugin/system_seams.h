@@ -1,6 +1,6 @@
-/* System calls of the state files, as the test program sees them: its own definitions stand in front
- * of the system's, note what was called, fail where a test wants them to, and pass on the rest.  To
- * be included by one source of a program. */
+/* System calls of the state files, as the test program sees them: its own definitions stand in
+ * front of the system's, note what was called, fail where a test wants them to, and pass on the
+ * rest.  To be included by one source of a program. */
 #ifndef TIRVAL_TESTS_SYSTEM_SEAMS_H
 #define TIRVAL_TESTS_SYSTEM_SEAMS_H
 
@@ -49,7 +49,7 @@ struct system_seams {
     std::vector<unsigned> sleeps; /* seconds; they are not slept */
     std::function<void()> while_sleeping;
     std::vector<timespec> naps;
-    int last_nap = 0;     /* what the last one returned */
+    int last_nap = 0; /* what the last one returned */
     bool real_naps = true;
     std::function<void()> while_napping;
 
@@ -142,7 +142,8 @@ TIRVAL_API int fcntl(int fd, int command, ...)
     return next(fd, command, argument);
 }
 
-TIRVAL_API void *mmap(void *address, size_t length, int protection, int flags, int fd, off_t offset) noexcept
+TIRVAL_API void *mmap(void *address, size_t length, int protection, int flags, int fd,
+                      off_t offset) noexcept
 {
     static auto *const next =
         next_definition<void *(void *, size_t, int, int, int, off_t)>("mmap64");
@@ -172,8 +173,7 @@ inline bool lock_is_free(const std::string &path)
                struct flock whole = {};
                whole.l_type = F_WRLCK;
                return fd != -1 && fcntl(fd, F_SETLK, &whole) == 0 ? 0 : 1;
-           })
-               .wait() == 0;
+           }).wait() == 0;
 }
 
 /* Another process that holds the write lock on a file until this object goes. */

@@ -9,13 +9,12 @@
 #ifndef TIRVAL_TESTS_TEST_SESSION_H
 #define TIRVAL_TESTS_TEST_SESSION_H
 
+#include "frame_support.h"
 #include "tirval_onedrive_common.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -48,13 +47,6 @@ inline ftp_reply reply_of(tirval_result_t result)
     return reply;
 }
 
-/* The printed texts of a result's error and its causes. */
-inline std::string chain_of(tirval_result_t result)
-{
-    const tirval_i_onedrive_text_t text(tirval_error_print_chain(tirval_error_peek(result)));
-    return text.get();
-}
-
 /* The info pair of a result's first error object with pairs, "(absent)" when it has none. */
 inline std::string info_of(tirval_result_t result, const char *key)
 {
@@ -67,58 +59,21 @@ inline bool is_malloc_error(tirval_result_t result)
     return result != TIRVAL_SUCCESS &&
            tirval_object_upcast(tirval_error_peek(result), TIRVAL_ERROR_TYPE_ERRNO_DEFINITION) !=
                nullptr &&
-           chain_of(result).starts_with("System error in malloc");
+           message_of(result).starts_with("System error in malloc");
 }
 
 inline bool is_generic_error(tirval_result_t result, const std::string &text)
 {
     return tirval_error_get_type(tirval_error_peek(result)) == 6 &&
-           chain_of(result).find(text) != std::string::npos;
+           message_of(result).find(text) != std::string::npos;
 }
 
-/* A directory of its own that goes with the test. */
-class temporary_directory {
-  public:
-    temporary_directory()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "onedrive-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp");
-        }
-        directory = name;
-    }
-    ~temporary_directory() { std::filesystem::remove_all(directory); }
-    temporary_directory(const temporary_directory &) = delete;
-    temporary_directory &operator=(const temporary_directory &) = delete;
-    const std::string &path() const { return directory; }
-
-  private:
-    std::string directory;
-};
-
 /* The lines that the plug-in writes to its debug channel while this lives. */
-class debug_trace {
+class debug_trace : public memory_channel {
   public:
-    explicit debug_trace(uint32_t levels = TIRVAL_ONEDRIVE_ALL)
-        : before(tirval_i_TIRVAL_ONEDRIVE_debug_handle), stream(open_memstream(&buffer, &length))
-    {
-        tirval_i_TIRVAL_ONEDRIVE_debug_handle = {levels, 0, stream, false, false};
-    }
-    ~debug_trace()
-    {
-        tirval_i_TIRVAL_ONEDRIVE_debug_handle = before;
-        std::fclose(stream);
-        std::free(buffer);
-    }
-    debug_trace(const debug_trace &) = delete;
-    debug_trace &operator=(const debug_trace &) = delete;
+    explicit debug_trace(uint32_t levels = TIRVAL_ONEDRIVE_ALL) : memory_channel(levels) {}
 
-    std::string text()
-    {
-        std::fflush(stream);
-        return {buffer, length};
-    }
-    std::size_t count(const std::string &part)
+    [[nodiscard]] std::size_t count(const std::string &part) const
     {
         const std::string all = text();
         std::size_t found = 0;
@@ -127,12 +82,6 @@ class debug_trace {
         }
         return found;
     }
-
-  private:
-    tirval_debug_handle_t before;
-    char *buffer = nullptr;
-    std::size_t length = 0;
-    std::FILE *stream;
 };
 
 class test_session {
@@ -140,8 +89,7 @@ class test_session {
     /* `per_second` requests may go out; the default is no pacing to speak of. */
     explicit test_session(std::string graph_url = "http://127.0.0.1:9",
                           uint32_t per_second = 1000000)
-        : url(std::move(graph_url)), retry_path(state.path() + "/r"),
-          scope(tirval_error_scope_create()), outer(tirval_error_scope_enter(scope))
+        : url(std::move(graph_url)), retry_path(state / "r")
     {
         if (tirval_module_activate(&tirval_gridftp_server_onedrive_module) != 0) {
             throw std::runtime_error("module activation");
@@ -166,8 +114,6 @@ class test_session {
     ~test_session()
     {
         tirval_i_onedrive_destroy(record);
-        tirval_error_scope_enter(outer);
-        tirval_error_scope_destroy(scope);
         tirval_module_deactivate(&tirval_gridftp_server_onedrive_module);
         tirval_i_onedrive_graph_url = "https://graph.microsoft.com";
         tirval_i_onedrive_retry_path = "$HOME/.tirval/onedrive-r";
@@ -204,11 +150,10 @@ class test_session {
     void mark_listed(const std::string &path) const { cached(path)->listed = true; }
 
   private:
-    temporary_directory state;
+    temporary_folder state;
+    error_scope errors;
     std::string url;
     std::string retry_path;
-    tirval_error_scope_t *scope;
-    tirval_error_scope_t *outer;
     tirval_onedrive_handle_t *record = nullptr;
 };
 

@@ -1,11 +1,10 @@
 /* The access token: reading a credential, and when it is asked for anew. */
 #include "frame_support.h"
 
-#include "tirval_gfs_host.h"
+#include "memory_backend.h"
 
 #include <ctime>
 #include <gmock/gmock.h>
-#include <map>
 #include <optional>
 
 namespace {
@@ -49,7 +48,7 @@ std::string credential_with_tid(const std::string &tid)
     return credential("2030-01-01T00:00:00.000000+00:00", R"(, "tid": ")" + tid + "\"");
 }
 
-/* Runs the update inside an operation of a host that has the test's configuration texts. */
+/* Runs the update inside operations of a host that has the test's credentials. */
 class Token : public ::testing::Test {
   protected:
     void TearDown() override
@@ -60,50 +59,25 @@ class Token : public ::testing::Test {
         free(handle.userid);
     }
 
-    /* Returns whether the update succeeded; what it failed with is in `text`, `code` and `tag`. */
     bool update()
     {
-        tirval_gfs_storage_iface_t iface = {};
-        iface.stat_func = [](tirval_gfs_operation_t op, tirval_gfs_stat_info_t *, void *session) {
-            auto *const self = static_cast<Token *>(session);
-            self->note(tirval_onedrive_update_token(&self->handle, op));
-            tirval_gridftp_server_finished_stat(op, TIRVAL_SUCCESS, nullptr, 0);
-        };
-        tirval_gfs_backend_t backend = {};
-        backend.config_data = [](void *host, const char *key) {
-            auto *const self = static_cast<Token *>(host);
-            self->asked.emplace_back(key);
-            const auto found = self->texts.find(key);
-            return found != self->texts.end() ? found->second.data() : nullptr;
-        };
-        tirval_gfs_stat_info_t info = {.file_only = true, .pathname = "/"};
-        tirval_gfs_run_stat(&iface, this, &info, &backend, this);
-        return succeeded;
+        host.in_stat([this](tirval_gfs_operation_t op) {
+            outcome = memory_outcome::of(tirval_onedrive_update_token(&handle, op));
+        });
+        asked.insert(asked.end(), host.config_asked.begin(), host.config_asked.end());
+        return outcome.result == TIRVAL_SUCCESS;
     }
 
     bool update(const std::string &creds)
     {
-        texts["creds"] = creds;
+        host.config["creds"] = creds;
         return update();
     }
 
     tirval_onedrive_handle_t handle = {};
-    std::map<std::string, std::string> texts;
+    memory_backend host;
+    memory_outcome outcome;
     std::vector<std::string> asked;
-    bool succeeded = false;
-    std::string text;
-    int code = 0;
-    std::string tag;
-
-  private:
-    void note(tirval_result_t result)
-    {
-        succeeded = result == TIRVAL_SUCCESS;
-        text = succeeded ? "" : message_of(result);
-        const char *symbol = nullptr;
-        (void)tirval_gfs_ftp_response_error_get(tirval_error_peek(result), &code, &symbol, nullptr);
-        tag = symbol != nullptr ? symbol : "";
-    }
 };
 
 TEST_F(Token, IsTakenFromTheCredentialAtFirst)
@@ -145,21 +119,21 @@ TEST_F(Token, AnExpiryAtMinusZeroHoursCountsItsMinutesAsPositive)
 TEST_F(Token, AnExpiryWithoutAFractionIsRefused)
 {
     EXPECT_FALSE(update(credential("2030-01-01T00:00:00+00:00")));
-    EXPECT_EQ(text, "Error parsing time string: 2030-01-01T00:00:00+00:00\n");
-    EXPECT_EQ(code, 0);
+    EXPECT_EQ(outcome.text, "Error parsing time string: 2030-01-01T00:00:00+00:00\n");
+    EXPECT_EQ(outcome.code, 0);
 }
 
 TEST_F(Token, AnExpiryWithAZoneLetterIsRefused)
 {
     EXPECT_FALSE(update(credential("2030-01-01T00:00:00.000000Z")));
-    EXPECT_EQ(text, "Error parsing time string: 2030-01-01T00:00:00.000000Z\n");
+    EXPECT_EQ(outcome.text, "Error parsing time string: 2030-01-01T00:00:00.000000Z\n");
 }
 
 TEST_F(Token, AnExpiryThatIsNoTimeIsRefused)
 {
     for (const char *expiry : {"", "soon", "2030-01-01", "2030-01-01T00:00:00.000000+00"}) {
         EXPECT_FALSE(update(credential(expiry)));
-        EXPECT_THAT(text, StartsWith("Error parsing time string: ")) << expiry;
+        EXPECT_THAT(outcome.text, StartsWith("Error parsing time string: ")) << expiry;
     }
 }
 
@@ -206,7 +180,7 @@ TEST_F(Token, IsRenewedWhenItExpiresInNinetyNineSeconds)
 {
     ASSERT_TRUE(update(credential_with_tid("X")));
     asked.clear();
-    texts["renew-creds"] = R"({"access_token": "T2", "sub": "S2", "tid": "X2",
+    host.config["renew-creds"] = R"({"access_token": "T2", "sub": "S2", "tid": "X2",
         "token_expiry": "2030-01-02T00:00:00.000000+00:00"})";
     the_time = first_of_2030 - 99;
     EXPECT_TRUE(update());
@@ -222,7 +196,7 @@ TEST_F(Token, IsRenewedWhenItHasExpired)
 {
     ASSERT_TRUE(update(credential("2001-01-01T00:00:00.000000+00:00")));
     asked.clear();
-    texts["renew-creds"] = credential("2001-01-02T00:00:00.000000+00:00");
+    host.config["renew-creds"] = credential("2001-01-02T00:00:00.000000+00:00");
     EXPECT_TRUE(update()) << "also when the new one is as old";
     EXPECT_THAT(asked, ElementsAre("renew-creds"));
 }
@@ -230,7 +204,7 @@ TEST_F(Token, IsRenewedWhenItHasExpired)
 TEST_F(Token, ARenewalWithoutATenantMakesTheAccountPersonal)
 {
     ASSERT_TRUE(update(credential_with_tid("X")));
-    texts["renew-creds"] = credential("2030-01-01T00:00:00.000000+00:00");
+    host.config["renew-creds"] = credential("2030-01-01T00:00:00.000000+00:00");
     the_time = first_of_2030;
     EXPECT_TRUE(update());
     EXPECT_EQ(handle.tid, nullptr);
@@ -258,17 +232,17 @@ TEST_F(Token, AfterAFailedRenewalTheAccountCountsAsPersonalAndTheFirstCredential
 TEST_F(Token, AMissingCredentialIsAnErrorLoadingIt)
 {
     EXPECT_FALSE(update());
-    EXPECT_THAT(text, StartsWith("Error loading user credential: "));
-    EXPECT_EQ(code, 0);
+    EXPECT_THAT(outcome.text, StartsWith("Error loading user credential: "));
+    EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(handle.access_token, nullptr);
 }
 
 TEST_F(Token, ACredentialThatIsNotJsonIsAnErrorWithTheParsersReason)
 {
     EXPECT_FALSE(update("{"));
-    EXPECT_THAT(text, StartsWith("Error loading user credential: "));
-    EXPECT_THAT(text, HasSubstr("end of file"));
-    EXPECT_TRUE(text.ends_with('\n'));
+    EXPECT_THAT(outcome.text, StartsWith("Error loading user credential: "));
+    EXPECT_THAT(outcome.text, HasSubstr("end of file"));
+    EXPECT_TRUE(outcome.text.ends_with('\n'));
 }
 
 TEST_F(Token, ARequiredMemberThatIsMissingOrNoTextIsAnInternalErrorReply)
@@ -281,9 +255,9 @@ TEST_F(Token, ARequiredMemberThatIsMissingOrNoTextIsAnInternalErrorReply)
           R"({"access_token": "T", "token_expiry": "2030-01-01T00:00:00.000000+00:00", "sub": []})",
           R"({"access_token": "T", "token_expiry": 1, "sub": "S"})", "[]"}) {
         EXPECT_FALSE(update(creds)) << creds;
-        EXPECT_EQ(code, 500) << creds;
-        EXPECT_EQ(tag, "INTERNAL_ERROR") << creds;
-        EXPECT_THAT(text,
+        EXPECT_EQ(outcome.code, 500) << creds;
+        EXPECT_EQ(outcome.tag, "INTERNAL_ERROR") << creds;
+        EXPECT_THAT(outcome.text,
                     HasSubstr("GridFTP-Error: Error unpacking collection storage policy: "))
             << creds;
         EXPECT_EQ(handle.userid, nullptr) << creds;
@@ -293,7 +267,7 @@ TEST_F(Token, ARequiredMemberThatIsMissingOrNoTextIsAnInternalErrorReply)
 TEST_F(Token, ATenantThatIsNoTextIsAnInternalErrorReply)
 {
     EXPECT_FALSE(update(credential("2030-01-01T00:00:00.000000+00:00", R"(, "tid": 1)")));
-    EXPECT_EQ(code, 500);
+    EXPECT_EQ(outcome.code, 500);
 }
 
 TEST_F(Token, AFailureIsWrittenAsTheExitLinesOfParsingAndUpdating)

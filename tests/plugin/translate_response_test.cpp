@@ -4,15 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#if TIRVAL_ASAN
-/* The description of an answer that cannot be understood is known not to be released. */
-extern "C" TIRVAL_API const char *__lsan_default_suppressions();
-extern "C" const char *__lsan_default_suppressions()
-{
-    return "leak:tirval_l_onedrive_reply_without_code";
-}
-#endif
-
 namespace {
 
 struct translation {
@@ -292,14 +283,14 @@ TEST_F(TranslateResponse, AMissingMessageLeavesOnlyTheCode)
     const translation out = translate(400, R"({"error":{"code":"x"}})");
     EXPECT_EQ(info_of(out.result, "code"), "x");
     EXPECT_EQ(info_of(out.result, "message"), "(absent)");
-    EXPECT_EQ(chain_of(out.result), "code: \"x\"");
+    EXPECT_EQ(message_of(out.result), "code: \"x\"");
 }
 
 TEST_F(TranslateResponse, AnEmptyMessageCountsAsMissingAndPrints)
 {
     const translation out = translate(400, R"({"error":{"code":"x","message":""}})");
     EXPECT_EQ(info_of(out.result, "message"), "(absent)");
-    EXPECT_EQ(chain_of(out.result), "code: \"x\"");
+    EXPECT_EQ(message_of(out.result), "code: \"x\"");
 }
 
 TEST_F(TranslateResponse, AnEmptyCodeCountsAsMissing)

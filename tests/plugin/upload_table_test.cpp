@@ -1,4 +1,5 @@
 // The table of a session's upload records.
+#include "library_seams.h"
 #include "test_session.h"
 
 #include <gmock/gmock.h>
@@ -43,6 +44,15 @@ class UploadTable : public testing::Test {
 TEST_F(UploadTable, StartsEmpty)
 {
     EXPECT_EQ(tirval_hashtable_size(&table), 0u);
+}
+
+TEST_F(UploadTable, AFailedInitialisationIsASystemError)
+{
+    tirval_hashtable_t other = {};
+    table_init_fails = true;
+    const tirval_result_t result = tirval_onedrive_upload_state_init(&other);
+    table_init_fails = false;
+    EXPECT_TRUE(is_malloc_error(result)) << message_of(result);
 }
 
 TEST_F(UploadTable, ARecordIsFoundUnderItsOwnNameWhateverThePathArgumentSays)

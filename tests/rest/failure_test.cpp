@@ -26,6 +26,7 @@ const std::map<failure, bool> expected_conditions = {
     {failure::sent_twice, true},
     {failure::headers_too_large, false},
     {failure::malformed_answer, false},
+    {failure::short_head, true},
     {failure::body_too_large, false},
     {failure::json_too_deep, false},
     {failure::redirect, false},

@@ -42,10 +42,10 @@ TEST(RequestUri, IsRefusedWhenMissingOrMalformed)
 {
     EXPECT_EQ(refusal(nullptr), failure::bad_uri);
     for (const char *uri :
-         {"", "host/path", "//host/path", "https://", "https:///path", "ftp://host/a",
-          "file:///etc/passwd", "https://ho st/", "https://host/a b", "https://host/a\r\nX: y",
-          "https://host/\x7f", "https://host:99999/", "https://user@host/",
-          "https://graph.microsoft.com:x@evil.example/"}) {
+         {"", "host/path", "//host/path", "https://", "https:///path", "https:/host/path",
+          "ftp://host/a", "file:///etc/passwd", "https://ho st/", "https://host/a b",
+          "https://host/a\r\nX: y", "https://host/\x7f", "https://host:99999/",
+          "https://user@host/", "https://graph.microsoft.com:x@evil.example/"}) {
         EXPECT_EQ(refusal(uri), failure::bad_uri) << uri;
     }
 }

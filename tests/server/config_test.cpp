@@ -164,7 +164,7 @@ TEST(Config, EverythingWrongIsToldAtOnce)
 TEST(Config, TextThatIsNotTomlIsRefusedWithItsLine)
 {
     EXPECT_THAT(parsed("[server]\nlisten = [\n").problems,
-                ElementsAre(testing::StartsWith("server.toml:3: ")));
+                ElementsAre(testing::StartsWith("server.toml:2: ")));
     EXPECT_THAT(parsed("[server]\nmax_sessions = 1\nmax_sessions = 2\n").problems,
                 ElementsAre(testing::StartsWith("server.toml:3: ")));
 }

@@ -4,7 +4,9 @@
 #include "child_process.h"
 #include "http_peer.h"
 #include "temp_dir.h"
+#include "unique_fd.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
@@ -58,6 +60,18 @@ std::time_t expiry_of(const std::string &text)
     EXPECT_TRUE(expiry.ends_with(".000000+00:00")) << expiry;
     strptime(expiry.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
     return timegm(&utc);
+}
+
+bool has_open(pid_t pid, const std::filesystem::path &file)
+{
+    std::error_code error;
+    for (const auto &entry :
+         std::filesystem::directory_iterator{"/proc/" + std::to_string(pid) + "/fd", error}) {
+        if (std::filesystem::read_symlink(entry.path(), error) == file) {
+            return true;
+        }
+    }
+    return false;
 }
 
 class Credential : public testing::Test {
@@ -516,19 +530,38 @@ TEST_F(CredentialRenewal, SessionsSideBySideRenewOnceBetweenThem)
     child_process_t first{fetch_when_there};
     child_process_t second{fetch_when_there};
     child_process_t third{fetch_when_there};
-    int renewals = 0;
+    const std::string body =
+        R"({"access_token":"shared","expires_in":3600,"refresh_token":"next"})";
     peer().on_request([&](const http_peer_request &) {
-        ++renewals;
         return http_peer_answer{}
             .pause(std::chrono::milliseconds{200})
-            .send("HTTP/1.1 200 OK\r\nContent-Length: 56\r\n\r\n"
-                  R"({"access_token":"shared","expires_in":200,"refresh_"  :1})")
-            .close();
+            .send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+                  body);
     });
     save_renewable(10);
     dir_.write("go", "");
     EXPECT_EQ(first.wait().text, "shared");
     EXPECT_EQ(second.wait().text, "shared");
     EXPECT_EQ(third.wait().text, "shared");
-    EXPECT_EQ(renewals, 1);
+    EXPECT_EQ(peer().requests().size(), 1U);
+    EXPECT_EQ(member(dir_.read("c.json"), "refresh_token"), "next");
+}
+
+TEST_F(CredentialRenewal, ATokenThatAnotherSessionHasJustRenewedIsTakenHoweverShortItLives)
+{
+    const unique_fd_t lock{open((dir_ / "c.json.lock").c_str(), O_RDWR | O_CREAT, 0600)};
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    ASSERT_EQ(fcntl(lock.get(), F_OFD_SETLK, &whole), 0);
+    save(make_json(10, "http://127.0.0.1:1/nobody-answers"));
+    child_process_t waiting{[this] { return member(source().fetch(), "access_token"); }};
+    while (!has_open(waiting.pid(), dir_ / "c.json.lock")) {
+        usleep(1000);
+    }
+    auto renewed = make_json(200, "http://127.0.0.1:1/nobody-answers");
+    set(renewed, "access_token", "theirs");
+    save(renewed);
+    whole.l_type = F_UNLCK;
+    ASSERT_EQ(fcntl(lock.get(), F_OFD_SETLK, &whole), 0);
+    EXPECT_EQ(waiting.wait().text, "theirs");
 }

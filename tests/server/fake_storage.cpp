@@ -32,9 +32,9 @@ struct fake_session_t {
 tirval_result_t put(const fake_error_t &error)
 {
     if (error.code == 0) {
-        return tirval_error_put(tirval_error_construct_error(
-            nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER, "fake_storage", "put", 1, "%s",
-            error.message.c_str()));
+        return tirval_error_put(
+            tirval_error_construct_error(nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER,
+                                         "fake_storage", "put", 1, "%s", error.message.c_str()));
     }
     return tirval_error_put(tirval_gfs_ftp_response_error_construct(
         nullptr, nullptr, error.code, error.tag.c_str(), "%s", error.message.c_str()));
@@ -125,6 +125,19 @@ class batches_t {
     int delivered_ = 0;
 };
 
+void note_settings(tirval_gfs_operation_t op, const std::string &credential)
+{
+    const auto holds = [&](const char *text) { return credential.find(text) != std::string::npos; };
+    current->shared->credential_is_clean = holds("\"access_token\"") && holds("\"sub\"") &&
+                                           holds("\"token_expiry\"") && !holds("refresh");
+    char *policy = nullptr;
+    tirval_gridftp_server_get_config_data(op, "config", &policy);
+    current->shared->policy_given = policy != nullptr;
+    char *unknown = policy;
+    tirval_gridftp_server_get_config_data(op, "no such key", &unknown);
+    TIRVAL_ASSERT(unknown == nullptr);
+}
+
 void start(tirval_gfs_operation_t op, tirval_gfs_session_info_t *)
 {
     ++current->shared->starts;
@@ -140,6 +153,7 @@ void start(tirval_gfs_operation_t op, tirval_gfs_session_info_t *)
             tirval_gridftp_server_finished_session_start(op, result, nullptr, nullptr, nullptr);
             return;
         }
+        note_settings(op, credential);
     }
     if (!current->start_error.message.empty()) {
         tirval_gridftp_server_finished_session_start(op, put(current->start_error), nullptr,
@@ -287,7 +301,9 @@ tirval_result_t send_range(tirval_gfs_operation_t op, const fake_node_t &node, s
         wait_until_cancelled();
         return tirval_gfs_cancel_error();
     case fake_send_t::deaf_sleep:
+        current->shared->sleeping = true;
         sleep(1);
+        current->shared->sleeping = false;
         break;
     default:
         break;
@@ -335,8 +351,8 @@ void send(tirval_gfs_operation_t op, tirval_gfs_transfer_info_t *info, void *use
 
 fake_storage_t::fake_storage_t()
 {
-    void *memory = mmap(nullptr, sizeof *shared, PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void *memory =
+        mmap(nullptr, sizeof *shared, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         throw std::bad_alloc();
     }
@@ -346,7 +362,10 @@ fake_storage_t::fake_storage_t()
     current = this;
 }
 
-fake_storage_t::~fake_storage_t() { munmap(shared, sizeof *shared); }
+fake_storage_t::~fake_storage_t()
+{
+    munmap(shared, sizeof *shared);
+}
 
 fake_node_t &fake_storage_t::add_folder(const std::string &path)
 {

@@ -27,7 +27,10 @@ struct fake_storage_shared_t {
     std::atomic<int> lists{0};
     std::atomic<int> sends{0};
     std::atomic<int> paths_not_canonical{0};
-    std::atomic<bool> reveal{false}; /* hidden nodes exist from now on */
+    std::atomic<bool> credential_is_clean{false}; /* what was given holds what it should, no more */
+    std::atomic<bool> policy_given{false};
+    std::atomic<bool> sleeping{false}; /* a deaf_sleep is on */
+    std::atomic<bool> reveal{false};   /* hidden nodes exist from now on */
 };
 
 struct fake_error_t {
@@ -39,12 +42,12 @@ struct fake_error_t {
 enum class fake_send_t {
     whole,
     fail_before_begin,
-    fail_after_some,   /* 1,000 bytes, then a generic error */
+    fail_after_some,    /* 1,000 bytes, then a generic error */
     short_of_announced, /* success, though the range was not delivered to its end */
     success_without_begin,
-    until_cancelled,      /* sends a little for ever */
+    until_cancelled,        /* sends a little for ever */
     silent_until_cancelled, /* sends nothing for ever */
-    deaf_sleep            /* sends a little, sleeps a second whatever is asked, then goes on */
+    deaf_sleep              /* sends a little, sleeps a second whatever is asked, then goes on */
 };
 
 enum class fake_list_t { whole, fail_at_once, fail_after_two_batches, endless };
@@ -73,9 +76,9 @@ struct fake_storage_t {
 
     std::map<std::string, fake_node_t> nodes; /* by canonical path */
     std::map<std::string, fake_error_t> stat_errors;
-    fake_error_t start_error; /* with a message the start fails */
-    bool start_hangs = false; /* until cancelled, and a second more */
-    bool wants_credential = false; /* the start fails without one */
+    fake_error_t start_error;      /* with a message the start fails */
+    bool start_hangs = false;      /* until cancelled, and a second more */
+    bool wants_credential = false; /* the start fails without one, and notes the policy */
     fake_storage_shared_t *shared; /* never null */
 };
 

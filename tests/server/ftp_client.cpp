@@ -55,14 +55,20 @@ void wait_readable(int descriptor)
     }
 }
 
-void ftp_client_t::send_raw(std::string_view bytes) { send_all(connection_.get(), bytes, 0); }
+void ftp_client_t::send_raw(std::string_view bytes)
+{
+    send_all(connection_.get(), bytes, 0);
+}
 
 void ftp_client_t::send_urgent(std::string_view bytes)
 {
     send_all(connection_.get(), bytes, MSG_OOB);
 }
 
-void ftp_client_t::send_line(std::string_view line) { send_raw(std::string(line) + "\r\n"); }
+void ftp_client_t::send_line(std::string_view line)
+{
+    send_raw(std::string(line) + "\r\n");
+}
 
 std::string ftp_client_t::read_line()
 {
@@ -119,7 +125,10 @@ bool ftp_client_t::is_quiet_for(int milliseconds)
     return received_.empty() && !readable_within(connection_.get(), milliseconds);
 }
 
-void ftp_client_t::close_sending_side() { shutdown(connection_.get(), SHUT_WR); }
+void ftp_client_t::close_sending_side()
+{
+    shutdown(connection_.get(), SHUT_WR);
+}
 
 void ftp_client_t::log_in()
 {
@@ -134,8 +143,8 @@ std::uint16_t ftp_client_t::passive()
     std::array<unsigned, 6> n{};
     const std::size_t start = reply.last().find('(');
     if (reply.code != 227 || start == std::string::npos ||
-        std::sscanf(reply.last().c_str() + start, "(%u,%u,%u,%u,%u,%u)", &n[0], &n[1], &n[2],
-                    &n[3], &n[4], &n[5]) != 6) {
+        std::sscanf(reply.last().c_str() + start, "(%u,%u,%u,%u,%u,%u)", &n[0], &n[1], &n[2], &n[3],
+                    &n[4], &n[5]) != 6) {
         throw std::runtime_error("no passive mode: " + reply.text());
     }
     return static_cast<std::uint16_t>(n[4] * 256 + n[5]);

@@ -92,7 +92,7 @@ TEST(Sandbox, FilesAndLocksWork)
     EXPECT_EQ(inside([&]() -> long {
                   const int fd = open((dir / "f").c_str(), O_RDWR | O_CREAT, 0600);
                   struct flock lock {};
-                  lock.l_type = F_WRLCK;
+                  lock.l_type = F_RDLCK;
                   if (ftruncate(fd, 24) != 0 || fcntl(fd, F_SETLK, &lock) != 0 ||
                       fcntl(fd, F_OFD_SETLK, &lock) != 0 || posix_fallocate(fd, 0, 4096) != 0 ||
                       fsync(fd) != 0 || rename((dir / "f").c_str(), (dir / "g").c_str()) != 0) {

@@ -2,6 +2,7 @@
 
 #include "privileges.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -20,16 +21,19 @@ using server::socket_address_t;
 using server::unique_fd_t;
 
 /* A connected pair of TCP sockets on the loopback interface. */
-std::pair<unique_fd_t, unique_fd_t> connected_pair(bool ipv6)
+std::pair<unique_fd_t, unique_fd_t> connected_pair(bool ipv6, bool mapped_ipv4)
 {
-    const int family = ipv6 ? AF_INET6 : AF_INET;
-    const auto any = socket_address_t::parse(family, ipv6 ? "::1" : "127.0.0.1", 0);
-    const unique_fd_t listener(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    unique_fd_t client(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int server_family = ipv6 || mapped_ipv4 ? AF_INET6 : AF_INET;
+    const int client_family = ipv6 ? AF_INET6 : AF_INET;
+    const char *host = mapped_ipv4 ? "::" : ipv6 ? "::1" : "127.0.0.1";
+    const auto any = socket_address_t::parse(server_family, host, 0);
+    const unique_fd_t listener(socket(server_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    unique_fd_t client(socket(client_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (bind(listener.get(), any->data(), any->size()) != 0 || listen(listener.get(), 1) != 0) {
         throw std::runtime_error("cannot listen");
     }
-    const auto target = socket_address_t::local_of(listener.get());
+    const std::uint16_t port = socket_address_t::local_of(listener.get()).port();
+    const auto target = *socket_address_t::parse(client_family, ipv6 ? "::1" : "127.0.0.1", port);
     if (connect(client.get(), target.data(), target.size()) != 0) {
         throw std::runtime_error("cannot connect");
     }
@@ -83,7 +87,10 @@ std::string running_session_t::login_report()
     }
 }
 
-void running_session_t::signal(int number) const { kill(process_, number); }
+void running_session_t::signal(int number) const
+{
+    kill(process_, number);
+}
 
 int running_session_t::wait()
 {
@@ -120,7 +127,7 @@ session_harness_t::session_harness_t()
 
 std::unique_ptr<running_session_t> session_harness_t::start(std::uint64_t id)
 {
-    auto [client, control] = connected_pair(ipv6);
+    auto [client, control] = connected_pair(ipv6, mapped_ipv4);
     auto [report_read, report_write] = make_pipe();
     auto [alive_read, alive_write] = make_pipe();
     std::fflush(nullptr);
@@ -143,6 +150,7 @@ std::unique_ptr<running_session_t> session_harness_t::start(std::uint64_t id)
                                           std::move(control),
                                           std::move(report_write),
                                           std::move(alive_read)};
+        server::lower_privileges();
         server::leave_process(server::run_session(std::move(context)));
     }
     return std::make_unique<running_session_t>(process, std::move(client), std::move(report_read),

@@ -9,6 +9,7 @@
 #include "ftp_client.h"
 #include "temp_dir.h"
 
+#include "privileges.h"
 #include "session.h"
 
 #include <sys/types.h>
@@ -61,7 +62,8 @@ struct session_harness_t {
     server::config_t config;
     server::users_t users;
     server::change_ring_t changes;
-    bool ipv6 = false;
+    bool ipv6 = false;        /* the control connection's family */
+    bool mapped_ipv4 = false; /* an IPv4 client on a socket that takes both families */
     temp_dir_t folder;
 };
 

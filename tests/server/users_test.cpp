@@ -135,8 +135,9 @@ TEST_F(UsersFile, EachBadLineIsNamedWithItsNumber)
 TEST_F(UsersFile, AFileThatOthersMayReadOrWriteIsRefused)
 {
     for (const mode_t mode : {0640U, 0604U, 0620U, 0602U, 0610U}) {
+        const auto problems = load("", mode).problems;
         EXPECT_THAT(
-            load("", mode).problems,
+            problems,
             ElementsAre(file_ + ": group or others may read or write it; make it mode 0600"))
             << std::oct << mode;
     }

@@ -36,7 +36,7 @@ TEST(Path, TheParentOfTheRootIsTheRoot)
 TEST(Path, BlanksDotsInNamesAndForeignBytesStayAsTheyAre)
 {
     EXPECT_EQ(resolve_path("/", " a "), "/ a ");
-    EXPECT_EQ(resolve_path("/", "...") , "/...");
+    EXPECT_EQ(resolve_path("/", "..."), "/...");
     EXPECT_EQ(resolve_path("/", "a..b/.c"), "/a..b/.c");
     EXPECT_EQ(resolve_path("/", "\xE4\xFF\x01"), "/\xE4\xFF\x01");
 }
@@ -76,7 +76,7 @@ TEST(Path, WhateverAClientWritesBecomesCanonicalOrIsRefused)
     int refused = 0;
     for (int round = 0; round < 20000; ++round) {
         std::string argument;
-        for (unsigned n = random() % 12; n > 0; --n) {
+        for (auto n = random() % 12; n > 0; --n) {
             argument += alphabet[random() % alphabet.size()];
         }
         const auto path = resolve_path("/My files/x", argument);

@@ -100,7 +100,7 @@ http_peer_answer http_peer_answer::complete(int status, std::string_view body,
 {
     std::string text = "HTTP/1.1 " + std::to_string(status) + " Scripted\r\n";
     for (const auto &[name, value] : headers) {
-        text += name + ": " + value + "\r\n";
+        text.append(name).append(": ").append(value).append("\r\n");
     }
     if (status != 204) {
         text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
@@ -161,6 +161,12 @@ http_peer_answer &http_peer_answer::before_body()
     return *this;
 }
 
+http_peer_answer &http_peer_answer::drop_body()
+{
+    keeps_body = false;
+    return *this;
+}
+
 http_peer_answer &http_peer_answer::read_slowly(std::size_t block,
                                                 std::chrono::milliseconds pause_between)
 {
@@ -211,8 +217,8 @@ class http_peer_connection {
     std::optional<std::string> read_head();
     void read_body(std::size_t index, const http_peer_answer &answer);
     void read_counted(std::size_t index, std::size_t length, const http_peer_answer &answer);
-    void read_chunked(std::size_t index);
-    void keep(std::size_t index, std::string_view bytes);
+    void read_chunked(std::size_t index, const http_peer_answer &answer);
+    void keep(std::size_t index, std::string_view bytes, bool whole);
     bool take_steps(const http_peer_answer &answer);
     bool take(const http_peer_answer::step &step);
     bool serve_one();
@@ -280,10 +286,14 @@ std::optional<std::string> http_peer_connection::read_head()
     return head;
 }
 
-void http_peer_connection::keep(std::size_t index, std::string_view bytes)
+void http_peer_connection::keep(std::size_t index, std::string_view bytes, bool whole)
 {
     const std::lock_guard lock(state.mutex);
-    state.requests[index].body += bytes;
+    auto &request = state.requests[index];
+    request.body_size += bytes.size();
+    if (whole) {
+        request.body += bytes;
+    }
 }
 
 void http_peer_connection::read_counted(std::size_t index, std::size_t length,
@@ -293,7 +303,7 @@ void http_peer_connection::read_counted(std::size_t index, std::size_t length,
     while (length > 0) {
         if (!input.empty()) {
             const auto used = std::min(length, input.size());
-            keep(index, std::string_view(input).substr(0, used));
+            keep(index, std::string_view(input).substr(0, used), answer.keeps_body);
             input.erase(0, used);
             length -= used;
             continue;
@@ -305,14 +315,14 @@ void http_peer_connection::read_counted(std::size_t index, std::size_t length,
         if (got == 0) {
             return;
         }
-        keep(index, std::string_view(buffer).substr(0, got));
+        keep(index, std::string_view(buffer).substr(0, got), answer.keeps_body);
         length -= got;
     }
     const std::lock_guard lock(state.mutex);
     state.requests[index].body_complete = true;
 }
 
-void http_peer_connection::read_chunked(std::size_t index)
+void http_peer_connection::read_chunked(std::size_t index, const http_peer_answer &answer)
 {
     for (;;) {
         std::size_t line_end;
@@ -327,7 +337,7 @@ void http_peer_connection::read_chunked(std::size_t index)
                 return;
             }
         }
-        keep(index, std::string_view(input).substr(line_end + 2, size));
+        keep(index, std::string_view(input).substr(line_end + 2, size), answer.keeps_body);
         input.erase(0, line_end + 2 + size + 2);
         if (size == 0) {
             const std::lock_guard lock(state.mutex);
@@ -346,7 +356,7 @@ void http_peer_connection::read_body(std::size_t index, const http_peer_answer &
         coding = state.requests[index].header("Transfer-Encoding");
     }
     if (coding) {
-        read_chunked(index);
+        read_chunked(index, answer);
     } else {
         read_counted(index, length ? std::strtoul(length->c_str(), nullptr, 10) : 0, answer);
     }

@@ -35,6 +35,7 @@ struct http_peer_request {
     std::string target;        /* path and query, as sent */
     http_peer_headers headers; /* as sent, in order */
     std::string body;          /* decoded when it was chunked */
+    std::size_t body_size = 0; /* bytes received of it, decoded */
     bool body_complete = false;
     std::size_t connection = 0;                    /* 0: the first accepted one */
     std::chrono::steady_clock::time_point arrived; /* when the headers were complete */
@@ -67,6 +68,8 @@ class http_peer_answer {
     http_peer_answer &reset();
     /* Takes the steps before the request's body has been read.  The body is read afterwards. */
     http_peer_answer &before_body();
+    /* Reads the request's body without keeping it: body_size only. */
+    http_peer_answer &drop_body();
     /* Reads the request's body in blocks of at most `block` bytes with a pause before each. */
     http_peer_answer &read_slowly(std::size_t block, std::chrono::milliseconds pause_between);
 
@@ -81,6 +84,7 @@ class http_peer_answer {
     };
     std::vector<step> steps;
     bool early = false;
+    bool keeps_body = true;
     std::size_t read_block = 65536;
     std::chrono::milliseconds read_pause{};
 };

@@ -411,9 +411,8 @@ tirval_result_t memory_backend::begin_transfer(void *host)
     if (client.on_begin) {
         client.on_begin();
     }
-    return client.begin_fails
-               ? put_reply(425, "CONNECTION_FAILED", "Can't open data connection.")
-               : TIRVAL_SUCCESS;
+    return client.begin_fails ? put_reply(425, "CONNECTION_FAILED", "Can't open data connection.")
+                              : TIRVAL_SUCCESS;
 }
 
 bool memory_backend::read_range(void *host, tirval_off_t *offset, tirval_off_t *length)
@@ -439,10 +438,10 @@ tirval_result_t memory_backend::send_block(void *host, const void *data, tirval_
     }
     client.sent_blocks.push_back(size);
     client.sent_total_ += size;
-    bool follows = !client.sent.empty() &&
-                   client.sent.back().offset +
-                           static_cast<tirval_off_t>(client.sent.back().bytes.size()) ==
-                       offset;
+    bool follows =
+        !client.sent.empty() &&
+        client.sent.back().offset + static_cast<tirval_off_t>(client.sent.back().bytes.size()) ==
+            offset;
     if (!follows) {
         client.sent.push_back({offset, {}});
     }
@@ -506,8 +505,7 @@ tirval_result_t memory_backend::receive(void *host, void *buffer, tirval_size_t 
     ++client.receives;
     *received = 0;
     *would_block = false;
-    if (client.receive_fails_after.has_value() &&
-        client.received >= *client.receive_fails_after) {
+    if (client.receive_fails_after.has_value() && client.received >= *client.receive_fails_after) {
         return put_reply(426, "CONNECTION_BROKEN", "The data connection broke.");
     }
     if (!wait && !client.has_something_now()) {

@@ -78,8 +78,7 @@ enum class memory_read {
     refused    /* not at all: the registration fails */
 };
 
-class memory_backend
-{
+class memory_backend {
   public:
     explicit memory_backend(const tirval_gfs_storage_iface_t *storage_iface = nullptr);
     ~memory_backend();
@@ -122,19 +121,19 @@ class memory_backend
     int update_interval = 0;
     time_t modification_time = -1;
 
-    bool begin_fails = false;            /* with an FTP response error 425 */
-    std::function<void()> on_begin;      /* called first */
+    bool begin_fails = false;                     /* with an FTP response error 425 */
+    std::function<void()> on_begin;               /* called first */
     std::vector<memory_range> ranges = {{0, -1}}; /* for each send */
     memory_range write_range = {0, -1};
     std::optional<size_t> send_fails_after;    /* bytes taken in a run, then 426 */
     std::function<void(size_t total)> on_send; /* after each accepted block */
     bool flush_fails = false;                  /* with 426 */
 
-    std::string upload;                           /* the client's data, for each recv */
-    size_t upload_chunk = 0;                      /* most bytes of one receive; 0: any */
-    bool upload_ends = true;                      /* false: after the data the client is silent */
-    std::optional<size_t> receive_fails_after;    /* bytes given in a run, then 426 */
-    std::optional<size_t> unhurried;              /* bytes that are there without waiting; unset: all */
+    std::string upload;                        /* the client's data, for each recv */
+    size_t upload_chunk = 0;                   /* most bytes of one receive; 0: any */
+    bool upload_ends = true;                   /* false: after the data the client is silent */
+    std::optional<size_t> receive_fails_after; /* bytes given in a run, then 426 */
+    std::optional<size_t> unhurried; /* bytes that are there without waiting; unset: all */
     memory_read reads = memory_read::at_once;
     std::chrono::milliseconds read_delay{50};
     std::function<void()> on_register; /* after an accepted registration, on the entry's thread */

@@ -3,5 +3,4 @@
 
 extern "C" TIRVAL_API tirval_module_descriptor_t tirval_gridftp_server_silent_module;
 tirval_module_descriptor_t tirval_gridftp_server_silent_module = {
-    "tirval_gridftp_server_silent", [] { return 0; }, [] { return 0; }, nullptr, nullptr,
-    nullptr};
+    "tirval_gridftp_server_silent", [] { return 0; }, [] { return 0; }, nullptr, nullptr, nullptr};
