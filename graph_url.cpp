@@ -2,10 +2,12 @@
  * place that could not be meant. */
 #include "tirval_onedrive_common.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 static constexpr const char *tirval_l_default_url = "https://graph.microsoft.com";
 
@@ -27,11 +29,6 @@ static bool tirval_l_is_loopback(std::string_view host)
         return ntohl(v4.s_addr) >> 24 == 127;
     }
     return strcasecmp(name, "localhost") == 0;
-}
-
-static bool tirval_l_is_loopback_v6(const in6_addr &address)
-{
-    return IN6_IS_ADDR_LOOPBACK(&address);
 }
 
 /* Empty (the scheme's own port), or ":" and a number from 1 to 65535. */
@@ -58,13 +55,13 @@ static bool tirval_l_is_v6_authority(std::string_view authority, bool only_loopb
 {
     const size_t end = authority.find(']');
     char name[INET6_ADDRSTRLEN] = {};
-    if (end == std::string_view::npos || end > sizeof(name)) {
+    if (end > sizeof(name)) {
         return false;
     }
     (void)authority.copy(name, end - 1, 1);
     in6_addr address = {};
     return inet_pton(AF_INET6, name, &address) == 1 &&
-           (!only_loopback || tirval_l_is_loopback_v6(address)) &&
+           (!only_loopback || memcmp(&address, &in6addr_loopback, sizeof(address)) == 0) &&
            tirval_l_is_port(authority.substr(end + 1));
 }
 

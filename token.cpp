@@ -25,6 +25,7 @@ static bool tirval_l_parse_expiry(const char *text, time_t *expiry)
     tm utc = {};
     int offset_hours = 0;
     int offset_minutes = 0;
+    /* The widths keep every number in range. NOLINTNEXTLINE(cert-err34-c) */
     if (sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d.%*6d%3d:%2d", &utc.tm_year, &utc.tm_mon, &utc.tm_mday,
                &utc.tm_hour, &utc.tm_min, &utc.tm_sec, &offset_hours, &offset_minutes) != 8) {
         return false;

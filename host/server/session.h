@@ -27,8 +27,8 @@ struct session_context_t {
     unique_fd_t control; /* the accepted control connection, non-blocking, close-on-exec */
     /*
      * Write end of a pipe.  Once the client is logged in and the storage session has started, the
-     * session writes the user's name to it and closes it.  The master ends a session that has not
-     * done so within login_timeout and two seconds; the session itself answers 421 at
+     * session writes the local user's name to it and closes it.  The master ends a session that has
+     * not done so within login_timeout and two seconds; the session itself answers 421 at
      * login_timeout.
      */
     unique_fd_t login_report;

@@ -149,6 +149,11 @@ TEST(DebugChannel, WritesRawBytes)
 TEST(DebugChannel, LinesOfSeveralThreadsDoNotMix)
 {
     const memory_channel channel(TIRVAL_ONEDRIVE_ALL);
+    const temporary_folder folder;
+    const std::string path = folder / "trace";
+    FILE *const memory = tirval_i_TIRVAL_ONEDRIVE_debug_handle.file;
+    tirval_i_TIRVAL_ONEDRIVE_debug_handle.file = fopen(path.c_str(), "w");
+    ASSERT_NE(tirval_i_TIRVAL_ONEDRIVE_debug_handle.file, nullptr);
     std::vector<std::thread> threads;
     for (const char *text : {"aaaaaaaa", "bbbbbbbb", "cccccccc"}) {
         threads.emplace_back([text] {
@@ -160,11 +165,15 @@ TEST(DebugChannel, LinesOfSeveralThreadsDoNotMix)
     for (std::thread &thread : threads) {
         thread.join();
     }
-    const std::vector<std::string> lines = channel.lines();
-    EXPECT_EQ(lines.size(), 1500U);
-    for (const std::string &line : lines) {
-        ASSERT_THAT(line, MatchesRegex("TRACE some_function: (a{8}|b{8}|c{8})"));
+    (void)fclose(tirval_i_TIRVAL_ONEDRIVE_debug_handle.file);
+    tirval_i_TIRVAL_ONEDRIVE_debug_handle.file = memory;
+    std::ifstream file(path);
+    size_t lines = 0;
+    for (std::string line; std::getline(file, line); lines++) {
+        ASSERT_THAT(line, MatchesRegex("OneDrive: TRACE: [0-9]+: some_function: "
+                                       "(a{8}|b{8}|c{8})"));
     }
+    EXPECT_EQ(lines, 1500U);
 }
 
 /* ---- The exit line of a result ---- */

@@ -145,6 +145,13 @@ TEST_F(ObjectInfoParse, AnUnreadableTimeIsReportedAfterAllElseWasRead)
     EXPECT_EQ(info.modtime, 1614816000) << "what was read of it is taken";
 }
 
+TEST_F(ObjectInfoParse, ATimeWithoutItsSecondsIsUnreadable)
+{
+    EXPECT_TRUE(is_generic_error(parse(R"({"lastModifiedDateTime":"2021-03-04T05:06"})"),
+                                 "Error parsing 'lastModifiedDateTime' field!"));
+    EXPECT_EQ(info.modtime, 1614834360);
+}
+
 TEST_F(ObjectInfoParse, AnObjectOfNoKnownKindIsUnknownAndKeepsItsFields)
 {
     EXPECT_EQ(parse(R"({"name":"notebook","id":"3","size":9,"package":{},

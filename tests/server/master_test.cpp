@@ -237,7 +237,8 @@ TEST_F(MasterSessions, OneThatDiesIsLoggedAndTheOthersGoOn)
     ftp_client_t second = server_->log_in();
     kill(server_->session_process(1), SIGKILL);
     EXPECT_TRUE(first.closed_by_server());
-    server_->wait_for_log("session 1 (anna at 127.0.0.1) was ended by signal 9 (Killed)");
+    server_->wait_for_log("session 1 (" + served_local_user() +
+                          " at 127.0.0.1) was ended by signal 9 (Killed)");
     EXPECT_EQ(second.code_of("NOOP"), 200);
     EXPECT_EQ(server_->log_in().code_of("NOOP"), 200);
 }
