@@ -223,6 +223,22 @@ response graph_api::list_children(const route &asked) const
     return json_response(200, writer.finish(context), got_, options_.chunked_json);
 }
 
+// No history is kept: a client may ask where "now" is, and every other token is too old.
+response graph_api::list_changes(const route &asked) const
+{
+    const auto [home, folder] = find(asked);
+    if (got_.parameter("token").value_or("") != "latest") {
+        throw api_error(410, "resyncRequired", "Resync required");
+    }
+    const std::string here =
+        "/drives/" + percent_encode(home->id()) + "/items/" + percent_encode(folder->id) + "/delta";
+    json body = json::object();
+    body.set("@odata.context", got_.origin + "/v1.0/$metadata#Collection(driveItem)")
+        .set("@odata.deltaLink", got_.origin + "/v1.0" + here + "?token=now")
+        .set("value", json::array());
+    return json_response(200, body, got_, options_.chunked_json);
+}
+
 response graph_api::list_shared() const
 {
     const field_set wanted = fields();
@@ -285,6 +301,8 @@ response graph_api::answer(const route &asked)
         return show_item(asked);
     case request_kind::listing:
         return list_children(asked);
+    case request_kind::changes:
+        return list_changes(asked);
     case request_kind::content:
         return redirect(asked);
     case request_kind::shared:

@@ -35,6 +35,7 @@ class graph_api {
     response show_item(const route &asked) const;
     response redirect(const route &asked) const;
     response list_children(const route &asked) const;
+    response list_changes(const route &asked) const;
     response list_shared() const;
     response list_sites() const;
     response list_drives(const std::vector<drive *> &drives, const std::string &context) const;

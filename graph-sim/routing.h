@@ -16,6 +16,7 @@ enum class request_kind {
     drive,          // GET one drive
     item,           // GET one item
     listing,        // GET children
+    changes,        // GET delta
     content,        // GET content: the redirect
     download,       // GET the pre-authenticated address
     shared,         // GET sharedWithMe

@@ -31,7 +31,7 @@ const command_t *find_command(std::string_view verb);
 /* The verbs offered, in the table's order. */
 std::vector<std::string_view> offered_verbs();
 
-/* Checks the command line against the table and the session's state and calls its handler; replies with
+/* Checks the command against the table and the session's state and calls its handler; replies with
  * the error otherwise.  On the I/O thread. */
 void dispatch_command(command_session_t &session, const command_text_t &text);
 

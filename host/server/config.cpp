@@ -359,7 +359,8 @@ std::vector<config_key_t> login_keys()
     keys.push_back(unavailable_key("tls.require", "off"));
     keys.push_back(unavailable_key("tls.data_session_reuse", "prefer"));
     keys.push_back(text_key("auth.users_file", [](config_t &c, const std::string &text) {
-        return set_file(c.auth.users_file, text);
+        c.auth.users_file = text;
+        return text.empty() || text.starts_with('/') ? std::string{} : "expected an absolute path";
     }));
     keys.push_back(unavailable_key("auth.pam_service", ""));
     keys.push_back(unavailable_key("auth.gridmap", ""));
@@ -545,6 +546,15 @@ std::string file_problem(const std::filesystem::path &file)
 }
 
 } // namespace
+
+std::vector<std::string> config_key_names()
+{
+    std::vector<std::string> names;
+    for (const config_key_t &key : all_keys()) {
+        names.push_back(key.name);
+    }
+    return names;
+}
 
 std::string url_problem(const std::string &url)
 {

@@ -117,6 +117,9 @@ config_result_t load_config(const std::filesystem::path &file,
 config_result_t parse_config(std::string_view text, const std::string &name,
                              const std::vector<std::string> &overrides);
 
+/* The names of all keys, "section.key". */
+std::vector<std::string> config_key_names();
+
 /* Why `url` may not be asked: it is not absolute, names a user, or is neither https nor plain http
  * to 127.0.0.0/8, ::1 or localhost.  Empty: it may. */
 std::string url_problem(const std::string &url);

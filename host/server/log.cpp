@@ -6,6 +6,8 @@
 
 #include "unique_fd.h"
 
+#include "tirval_common.h"
+
 #include <fcntl.h>
 #include <jansson.h>
 #include <spdlog/logger.h>
@@ -130,17 +132,9 @@ std::string json_quoted(const std::string &text)
 
 std::string format_text(const char *format, va_list arguments)
 {
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    if (length < 0) {
-        return format;
-    }
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, arguments);
-    text.pop_back();
-    return text;
+    const std::unique_ptr<char, decltype(&std::free)> text{
+        tirval_common_v_create_string(format, arguments), &std::free};
+    return text == nullptr ? std::string{format} : std::string{text.get()};
 }
 
 void log_text(spdlog::level::level_enum level, const char *format, va_list arguments)

@@ -48,9 +48,11 @@ bool hash_matches(const std::string &password, const std::string &hash)
 {
     crypt_room_t room;
     const char *made = crypt_r(password.c_str(), hash.c_str(), room.get());
-    const std::size_t length = made == nullptr ? 0 : std::strlen(made);
-    return length == hash.size() && !is_locked(made) &&
-           CRYPTO_memcmp(made, hash.data(), length) == 0;
+    if (made == nullptr || is_locked(made)) {
+        return false;
+    }
+    const std::size_t length = std::strlen(made);
+    return length == hash.size() && CRYPTO_memcmp(made, hash.data(), length) == 0;
 }
 
 std::string fresh_setting()

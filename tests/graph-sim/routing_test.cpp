@@ -49,6 +49,7 @@ TEST(Routing, ReadsResourcesBehindIdsAndPaths)
 {
     EXPECT_EQ(parse_route("GET", "/v1.0/me/drive/root/children").kind, request_kind::listing);
     EXPECT_EQ(parse_route("GET", "/v1.0/me/drive/root:/a:/children").kind, request_kind::listing);
+    EXPECT_EQ(parse_route("GET", "/v1.0/me/drive/root/delta").kind, request_kind::changes);
     EXPECT_EQ(parse_route("GET", "/v1.0/drives/b!x/items/01A/content").kind, request_kind::content);
     EXPECT_EQ(parse_route("GET", "/v1.0/drives/b!x/items/01A:/b:/content").kind,
               request_kind::content);

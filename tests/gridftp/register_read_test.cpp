@@ -244,6 +244,37 @@ TEST_F(RegisteredRead, AnErrorIsToldAndLivesUntilTheEntryReturns)
     EXPECT_EQ(tirval_error_count(), before);
 }
 
+TEST_F(RegisteredRead, AnErrorOutlivesTheBackEndsOwnHoldOfIt)
+{
+    tirval_gfs_backend_t backend = {};
+    backend.register_read = [](void *, void *, tirval_size_t, tirval_gfs_read_done_t done,
+                               void *done_arg) {
+        std::thread([=] {
+            tirval_result_t result = tirval_error_put(tirval_gfs_ftp_response_error_construct(
+                nullptr, nullptr, 426, "CONNECTION_BROKEN", nullptr));
+            done(done_arg, result, 0, 0);
+            tirval_object_free(tirval_error_get(result));
+        }).join();
+        return TIRVAL_SUCCESS;
+    };
+    tirval_gfs_storage_iface_t storage = {};
+    storage.recv_func = [](tirval_gfs_operation_t op, tirval_gfs_transfer_info_t *, void *) {
+        static tirval_byte_t buffer[1];
+        tirval_result_t told = TIRVAL_SUCCESS;
+        tirval_gridftp_server_begin_transfer(op, 0, nullptr);
+        tirval_gridftp_server_register_read(
+            op, buffer, 1,
+            [](tirval_gfs_operation_t, tirval_result_t result, tirval_byte_t *, tirval_size_t,
+               tirval_off_t, bool,
+               void *user_arg) { *static_cast<tirval_result_t *>(user_arg) = result; },
+            &told);
+        EXPECT_EQ(memory_outcome::of(told).tag, "CONNECTION_BROKEN");
+        tirval_gridftp_server_finished_transfer(op, told);
+    };
+    tirval_gfs_transfer_info_t info = {"/a", 0, true};
+    tirval_gfs_run_recv(&storage, nullptr, &info, &backend, nullptr);
+}
+
 TEST_F(RegisteredRead, AnErrorThatTheStorageKeepsToItselfIsTheOutcome)
 {
     host.reads = memory_read::fails;

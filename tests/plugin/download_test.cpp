@@ -16,7 +16,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 const http_peer_headers at_once = {{"Retry-After", "0"}};
@@ -101,17 +100,17 @@ TEST_F(Download, AWholeFileIsFetchedInOnePassWithoutARange)
     EXPECT_EQ(host.answers, 1);
     EXPECT_EQ(host.begins, 1);
     EXPECT_EQ(host.ranges_asked, 1);
-    ASSERT_EQ(service.requests().size(), 1u);
+    ASSERT_EQ(service.requests().size(), 1U);
     const auto content = service.requests().at(0);
     EXPECT_EQ(content.method, "GET");
     EXPECT_EQ(content.target, "/v1.0/me/drive/root:/a.txt:/content");
     EXPECT_EQ(content.header("Authorization"), "Bearer token-1");
-    EXPECT_EQ(content.header_count("Range"), 0u);
-    ASSERT_EQ(store.requests().size(), 1u);
+    EXPECT_EQ(content.header_count("Range"), 0U);
+    ASSERT_EQ(store.requests().size(), 1U);
     const auto download = store.requests().at(0);
     EXPECT_EQ(download.method, "GET");
     EXPECT_EQ(download.target, "/dl?tempauth=x%20y") << "the address is used as it stands";
-    EXPECT_EQ(download.header_count("Range"), 0u);
+    EXPECT_EQ(download.header_count("Range"), 0U);
 }
 
 TEST_F(Download, TheTokenNeverReachesTheDownloadAddress)
@@ -124,8 +123,8 @@ TEST_F(Download, TheTokenNeverReachesTheDownloadAddress)
     });
     host.ranges = {{100, 50}};
     EXPECT_TRUE(send()) << host.answer.text;
-    ASSERT_EQ(store.requests().size(), 1u);
-    EXPECT_EQ(store.requests().at(0).header_count("Authorization"), 0u);
+    ASSERT_EQ(store.requests().size(), 1U);
+    EXPECT_EQ(store.requests().at(0).header_count("Authorization"), 0U);
 }
 
 TEST_F(Download, ARangeToTheEndAsksFromItsFirstByte)
@@ -177,7 +176,7 @@ TEST_F(Download, EachRangeIsAPassOfItsOwnWithTheTokenOfThatMoment)
     EXPECT_TRUE(send()) << host.answer.text;
     EXPECT_EQ(host.sent_bytes(), file.substr(0, 10) + file.substr(200, 20));
     EXPECT_EQ(host.ranges_asked, 3);
-    ASSERT_EQ(service.requests().size(), 2u);
+    ASSERT_EQ(service.requests().size(), 2U);
     EXPECT_EQ(service.requests().at(0).header("Authorization"), "Bearer token-1");
     EXPECT_EQ(service.requests().at(1).header("Authorization"), "Bearer token-2");
 }
@@ -253,7 +252,7 @@ TEST_F(Download, AContentRequestAnswered503TwiceFailsAfterTwoAttempts)
     service.answer(http_peer_answer::complete(503, "", at_once));
     EXPECT_FALSE(send());
     EXPECT_EQ(host.answer.tag, "INTERNAL_ERROR");
-    EXPECT_EQ(service.requests().size(), 2u);
+    EXPECT_EQ(service.requests().size(), 2U);
     EXPECT_THAT(store.requests(), IsEmpty());
 }
 
@@ -261,7 +260,7 @@ TEST_F(Download, AContentRequestAnswered503WithoutRetryAfterIsNotRepeated)
 {
     service.answer(http_peer_answer::complete(503));
     EXPECT_FALSE(send());
-    EXPECT_EQ(service.requests().size(), 1u);
+    EXPECT_EQ(service.requests().size(), 1U);
 }
 
 TEST_F(Download, AContentRequestAnsweredWithContentIsRepeatedAndMeansBusy)
@@ -271,7 +270,7 @@ TEST_F(Download, AContentRequestAnsweredWithContentIsRepeatedAndMeansBusy)
     EXPECT_FALSE(send());
     EXPECT_EQ(host.answer.code, 451);
     EXPECT_EQ(host.answer.tag, too_busy);
-    EXPECT_EQ(service.requests().size(), 2u);
+    EXPECT_EQ(service.requests().size(), 2U);
     EXPECT_EQ(host.sent_bytes(), "");
 }
 
@@ -323,7 +322,7 @@ TEST_F(Download, ARangeThatCannotBeFormedIsASystemErrorBeforeTheDownload)
     failing_text = 3;
     EXPECT_FALSE(send());
     EXPECT_THAT(host.answer.text, testing::StartsWith("System error in malloc"));
-    EXPECT_EQ(service.requests().size(), 1u);
+    EXPECT_EQ(service.requests().size(), 1U);
     EXPECT_THAT(store.requests(), IsEmpty());
 }
 
@@ -336,8 +335,8 @@ TEST_F(Download, ADownloadThatFailedMayBeRepeatedOnce)
     store.answer(http_peer_answer::complete(200, "content"));
     EXPECT_TRUE(send()) << host.answer.text;
     EXPECT_EQ(host.sent_bytes(), "content");
-    EXPECT_EQ(store.requests().size(), 2u);
-    EXPECT_EQ(service.requests().size(), 1u) << "the address is not asked for again";
+    EXPECT_EQ(store.requests().size(), 2U);
+    EXPECT_EQ(service.requests().size(), 1U) << "the address is not asked for again";
 }
 
 TEST_F(Download, ADownloadIsNotRepeatedTwice)
@@ -347,7 +346,7 @@ TEST_F(Download, ADownloadIsNotRepeatedTwice)
     store.answer(http_peer_answer::complete(429));
     EXPECT_FALSE(send());
     EXPECT_EQ(host.answer.tag, too_busy);
-    EXPECT_EQ(store.requests().size(), 2u);
+    EXPECT_EQ(store.requests().size(), 2U);
 }
 
 TEST_F(Download, AContentRequestThatNeededTwoAttemptsLeavesTheDownloadOne)
@@ -358,8 +357,8 @@ TEST_F(Download, AContentRequestThatNeededTwoAttemptsLeavesTheDownloadOne)
     store.answer(http_peer_answer::complete(200, "content"));
     EXPECT_FALSE(send());
     EXPECT_EQ(host.answer.tag, too_busy);
-    EXPECT_EQ(service.requests().size(), 2u);
-    EXPECT_EQ(store.requests().size(), 1u);
+    EXPECT_EQ(service.requests().size(), 2U);
+    EXPECT_EQ(store.requests().size(), 1U);
     EXPECT_EQ(host.sent_bytes(), "");
 }
 
@@ -369,8 +368,8 @@ TEST_F(Download, ALostContentRequestAlsoUsesUpTheRepetition)
     redirect();
     store.answer(http_peer_answer().reset());
     EXPECT_FALSE(send());
-    EXPECT_EQ(service.requests().size(), 2u);
-    EXPECT_EQ(store.requests().size(), 1u);
+    EXPECT_EQ(service.requests().size(), 2U);
+    EXPECT_EQ(store.requests().size(), 1U);
 }
 
 TEST_F(Download, EachPassHasARepetitionOfItsOwn)
@@ -390,7 +389,7 @@ TEST_F(Download, EachPassHasARepetitionOfItsOwn)
 TEST_F(Download, AResetInTheBodyIsRepeatedAndEachByteDeliveredOnce)
 {
     const std::string file = content_of(200000);
-    for (const std::size_t cut : {1u, 16383u, 16384u, 100000u, 199999u}) {
+    for (const std::size_t cut : {1U, 16383U, 16384U, 100000U, 199999U}) {
         redirect();
         store.answer(
             http_peer_answer()
@@ -411,7 +410,7 @@ TEST_F(Download, ABodyThatEndsEarlyIsRepeatedAndThenFails)
     store.answer(truncated);
     store.answer(truncated);
     EXPECT_FALSE(send());
-    EXPECT_EQ(store.requests().size(), 2u);
+    EXPECT_EQ(store.requests().size(), 2U);
     EXPECT_EQ(host.sent_bytes(), "12345") << "what was delivered stays delivered";
 }
 
@@ -422,8 +421,8 @@ TEST_F(Download, ARefusedConnectionFailsTheTransfer)
     debug_trace trace(TIRVAL_ONEDRIVE_DEBUG);
     EXPECT_FALSE(send());
     EXPECT_EQ(host.sent_bytes(), "");
-    EXPECT_GE(trace.count("API CALL!\n"), 2u);
-    EXPECT_LE(trace.count("API CALL!\n"), 3u);
+    EXPECT_GE(trace.count("API CALL!\n"), 2U);
+    EXPECT_LE(trace.count("API CALL!\n"), 3U);
 }
 
 /* ---- Error pages are not content ---- */
@@ -497,9 +496,9 @@ TEST_F(Download, ItsLinesGoToTheDebugChannel)
     store.answer(http_peer_answer::complete(200, "x"));
     debug_trace trace;
     ASSERT_TRUE(send());
-    EXPECT_EQ(trace.count("tirval_i_onedrive_send: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_i_onedrive_send: exit: result=TIRVAL_SUCCESS\n"), 1u);
-    EXPECT_EQ(trace.count("API CALL!\n"), 2u);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_send: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_send: exit: result=TIRVAL_SUCCESS\n"), 1U);
+    EXPECT_EQ(trace.count("API CALL!\n"), 2U);
 }
 
 TEST_F(Download, AFailuresChainIsWrittenAtTheErrorLevel)
@@ -561,7 +560,7 @@ TEST_F(PacedContent, ContentRequestsKeepTheUsersSpacingAndDownloadsDoNot)
     ASSERT_EQ(fetch(), TIRVAL_SUCCESS);
     EXPECT_FALSE(download_took_a_turn());
     const auto requests = peer.requests();
-    ASSERT_EQ(requests.size(), 4u);
+    ASSERT_EQ(requests.size(), 4U);
     EXPECT_GE(requests[2].arrived - requests[0].arrived, 150ms);
     EXPECT_EQ(bytes, "contentcontent");
     EXPECT_EQ(attempts, 2) << "only the downloads";
@@ -573,7 +572,7 @@ TEST_F(PacedContent, APacedDownloadKeepsTheUsersSpacing)
     ASSERT_EQ(fetch(), TIRVAL_SUCCESS);
     EXPECT_TRUE(download_took_a_turn());
     const auto requests = peer.requests();
-    ASSERT_EQ(requests.size(), 2u);
+    ASSERT_EQ(requests.size(), 2U);
     EXPECT_GE(requests[1].arrived - requests[0].arrived, 150ms);
 }
 

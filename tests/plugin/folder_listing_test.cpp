@@ -70,7 +70,7 @@ TEST_F(FolderListing, MyFilesIsListedFromTheDriveRoot)
     EXPECT_EQ(request(0).header("Authorization"), "Bearer token-1");
     ASSERT_NE(session.cached("/My files/a.txt"), nullptr);
     EXPECT_STREQ(session.cached("/My files/a.txt")->id, "1");
-    EXPECT_EQ(session.cached("/My files/a.txt")->size, 5u);
+    EXPECT_EQ(session.cached("/My files/a.txt")->size, 5U);
 }
 
 TEST_F(FolderListing, AFolderOfTheDriveIsListedByItsPath)
@@ -159,10 +159,10 @@ TEST_F(FolderListing, SixHundredAndFiftyChildrenTakeThreePages)
     peer.answer(graph::page(graph::files(600, 50)));
     child_log log;
     ASSERT_EQ(list("/My files", &log), TIRVAL_SUCCESS);
-    ASSERT_EQ(peer.requests().size(), 3u);
+    ASSERT_EQ(peer.requests().size(), 3U);
     EXPECT_EQ(request(1).target, "/page2") << "a next link is asked for as it stands";
     EXPECT_EQ(request(2).target, "/page3?$skiptoken=a%20b");
-    EXPECT_EQ(log.children.size(), 650u);
+    EXPECT_EQ(log.children.size(), 650U);
     EXPECT_NE(session.cached("/My files/f0"), nullptr);
     EXPECT_NE(session.cached("/My files/f649"), nullptr);
 }
@@ -186,7 +186,7 @@ TEST_F(FolderListing, ANextLinkThatIsNoTextEndsTheListing)
     EXPECT_EQ(list("/My files"), TIRVAL_SUCCESS);
     peer.answer(http_peer_answer::json(200, R"({"value":[],"@odata.nextLink":7})"));
     EXPECT_EQ(list("/My files"), TIRVAL_SUCCESS);
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 TEST_F(FolderListing, ANextLinkInThePlainToAnotherHostIsNotFollowed)
@@ -209,7 +209,7 @@ TEST_F(FolderListing, ANextLinkThatNamesItselfEndsWhenTheOperationIsCancelled)
     tirval_gfs_cancel_clear();
     EXPECT_NE(result, TIRVAL_SUCCESS);
     EXPECT_EQ(tirval_error_get_type(tirval_error_peek(result)), TIRVAL_ERROR_TYPE_CANCELLED);
-    EXPECT_EQ(peer.requests().size(), 5u);
+    EXPECT_EQ(peer.requests().size(), 5U);
 }
 
 TEST_F(FolderListing, EachPageMayBeRepeatedOnce)
@@ -220,7 +220,7 @@ TEST_F(FolderListing, EachPageMayBeRepeatedOnce)
     peer.answer(http_peer_answer::complete(503, "", at_once));
     peer.answer(graph::page({graph::file("b")}));
     EXPECT_EQ(list("/My files"), TIRVAL_SUCCESS);
-    EXPECT_EQ(peer.requests().size(), 4u);
+    EXPECT_EQ(peer.requests().size(), 4U);
     EXPECT_NE(session.cached("/My files/b"), nullptr);
 }
 
@@ -250,7 +250,7 @@ TEST_F(FolderListing, OfTwoChildrenOfOneNameTheLastIsCached)
     peer.answer(graph::page({graph::file("a", "first"), graph::file("a", "second")}));
     child_log log;
     ASSERT_EQ(list("/My files", &log), TIRVAL_SUCCESS);
-    EXPECT_EQ(log.children.size(), 2u);
+    EXPECT_EQ(log.children.size(), 2U);
     EXPECT_STREQ(session.cached("/My files/a")->id, "second");
 }
 
@@ -271,11 +271,11 @@ TEST_F(FolderListing, AFailingCallbackStopsTheListingWithItsResult)
     child_log log;
     log.fail_on = "a";
     log.failure = 0xFFFFFFFF;
-    EXPECT_EQ(list("/My files", &log), 0xFFFFFFFFu);
-    EXPECT_EQ(log.children.size(), 1u);
+    EXPECT_EQ(list("/My files", &log), 0xFFFFFFFFU);
+    EXPECT_EQ(log.children.size(), 1U);
     EXPECT_NE(session.cached("/My files/a"), nullptr) << "it was cached before";
     EXPECT_EQ(session.cached("/My files/b"), nullptr);
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 /* ---- What cannot be addressed ---- */
@@ -289,7 +289,7 @@ TEST_F(FolderListing, AnItemWithoutANameOrAnIdIsLeftOutWithAWarning)
     child_log log;
     ASSERT_EQ(list("/My files", &log), TIRVAL_SUCCESS);
     EXPECT_THAT(log.children, ElementsAre(seen_child{"/My files", "good", "id"}));
-    EXPECT_EQ(trace.count("OneDrive:  WARN: "), 5u);
+    EXPECT_EQ(trace.count("OneDrive:  WARN: "), 5U);
     EXPECT_EQ(session.cached("/My files/noid"), nullptr);
 }
 
@@ -324,14 +324,14 @@ TEST_F(FolderListing, ARequestThatFailsTwiceIsItsLastError)
     peer.answer(http_peer_answer::complete(429));
     peer.answer(http_peer_answer::complete(429));
     EXPECT_EQ(reply_of(list("/My files")), (ftp_reply{451, "TOO_BUSY", std::nullopt}));
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 TEST_F(FolderListing, AFailureThatIsNotRetryableIsNotRepeated)
 {
     peer.answer(http_peer_answer::complete(403));
     EXPECT_EQ(reply_of(list("/My files")).tag, "PERMISSION_DENIED");
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST_F(FolderListing, AnErrorAnswersJsonExplainsIt)
@@ -403,7 +403,7 @@ TEST_F(FolderListing, AnErrorOnALaterPageIsTheListings)
     peer.answer(http_peer_answer::complete(500));
     child_log log;
     EXPECT_EQ(reply_of(list("/My files", &log)).tag, "INTERNAL_ERROR");
-    EXPECT_EQ(log.children.size(), 1u);
+    EXPECT_EQ(log.children.size(), 1U);
 }
 
 TEST_F(FolderListing, ItsLinesGoToTheDebugChannel)
@@ -411,9 +411,9 @@ TEST_F(FolderListing, ItsLinesGoToTheDebugChannel)
     debug_trace trace;
     peer.answer(graph::page({}));
     ASSERT_EQ(list("/My files"), TIRVAL_SUCCESS);
-    EXPECT_EQ(trace.count("tirval_onedrive_get_folder_items: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_get_folder_items: exit: result=TIRVAL_SUCCESS\n"), 1u);
-    EXPECT_EQ(trace.count("API CALL!\n"), 1u);
+    EXPECT_EQ(trace.count("tirval_onedrive_get_folder_items: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_get_folder_items: exit: result=TIRVAL_SUCCESS\n"), 1U);
+    EXPECT_EQ(trace.count("API CALL!\n"), 1U);
 }
 
 } // namespace

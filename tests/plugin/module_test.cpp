@@ -185,6 +185,17 @@ TEST_F(Module, DeactivatesInReverseAndClosesTheDebugStreamLast)
     EXPECT_EQ(registered(), nullptr);
 }
 
+TEST_F(Module, ForgetsAStreamThatIsNotItsOwnWithoutClosingIt)
+{
+    (void)unsetenv("TIRVAL_ONEDRIVE_DEBUG");
+    ASSERT_EQ(activate(), 0);
+    tirval_i_TIRVAL_ONEDRIVE_debug_handle.file = stdout;
+    calls.clear();
+    EXPECT_EQ(deactivate(), 0);
+    EXPECT_EQ(calls.back(), "deactivate runtime");
+    EXPECT_EQ(tirval_i_TIRVAL_ONEDRIVE_debug_handle.file, nullptr);
+}
+
 TEST_F(Module, CanBeActivatedAgain)
 {
     for (int i = 0; i < 2; i++) {

@@ -32,7 +32,7 @@ TEST_F(ObjectInfoParse, AFileInADriveFillsEveryField)
     EXPECT_TRUE(info.has_metadata);
     EXPECT_STREQ(info.name, "a.txt");
     EXPECT_STREQ(info.id, "I1");
-    EXPECT_EQ(info.size, 5368709120u);
+    EXPECT_EQ(info.size, 5368709120U);
     EXPECT_EQ(info.modtime, 1614834367);
     EXPECT_STREQ(info.parent_id, "D1");
     EXPECT_FALSE(info.listed);
@@ -81,7 +81,7 @@ TEST_F(ObjectInfoParse, AFolderIsAFolder)
               TIRVAL_SUCCESS);
     EXPECT_EQ(info.type, TIRVAL_ONEDRIVE_FOLDER);
     EXPECT_FALSE(info.has_metadata);
-    EXPECT_EQ(info.size, 12u);
+    EXPECT_EQ(info.size, 12U);
     EXPECT_EQ(info.modtime, 1);
     EXPECT_STREQ(info.parent_id, "D");
 }
@@ -160,7 +160,7 @@ TEST_F(ObjectInfoParse, AnObjectOfNoKnownKindIsUnknownAndKeepsItsFields)
     EXPECT_EQ(info.type, TIRVAL_ONEDRIVE_UNKNOWN);
     EXPECT_STREQ(info.name, "notebook");
     EXPECT_STREQ(info.id, "3");
-    EXPECT_EQ(info.size, 9u);
+    EXPECT_EQ(info.size, 9U);
     EXPECT_EQ(info.modtime, 5);
 }
 
@@ -189,13 +189,13 @@ TEST_F(ObjectInfoParse, MissingNameIdAndSizeAreNoErrors)
     EXPECT_EQ(parse(R"({"file":{}})"), TIRVAL_SUCCESS);
     EXPECT_EQ(info.name, nullptr);
     EXPECT_EQ(info.id, nullptr);
-    EXPECT_EQ(info.size, 0u);
+    EXPECT_EQ(info.size, 0U);
 }
 
 TEST_F(ObjectInfoParse, ASizeThatIsNoIntegerIsNotTaken)
 {
     EXPECT_EQ(parse(R"({"name":"a","id":"1","size":"12"})"), TIRVAL_SUCCESS);
-    EXPECT_EQ(info.size, 0u);
+    EXPECT_EQ(info.size, 0U);
 }
 
 TEST_F(ObjectInfoParse, ADriveIsAFolderWithoutAParent)
@@ -229,7 +229,7 @@ TEST_F(ObjectInfoParse, ASitesSizeTimeAndParentAreNotRead)
 {
     parse(R"({"displayName":"Team","sharepointIds":{"siteId":"S1"},"size":5,
               "lastModifiedDateTime":"nonsense","parentReference":{"driveId":"D"}})");
-    EXPECT_EQ(info.size, 0u);
+    EXPECT_EQ(info.size, 0U);
     EXPECT_EQ(info.modtime, 0);
     EXPECT_STREQ(info.parent_id, "Shared libraries");
 }

@@ -90,7 +90,7 @@ TEST(PathRecord, FreeingLeavesARecordThatIsNotFromTheHeap)
     info.qxr = strdup("q");
     info.size = 7;
     tirval_onedrive_path_info_free(&info);
-    EXPECT_EQ(info.size, 7u);
+    EXPECT_EQ(info.size, 7U);
     tirval_onedrive_path_info_free(nullptr);
 }
 
@@ -113,7 +113,7 @@ TEST(VirtualFolders, TheirRecordsAreConstant)
         EXPECT_EQ(record.id, name);
         EXPECT_STREQ(record.parent_id, parent_id);
         EXPECT_EQ(record.type, TIRVAL_ONEDRIVE_FOLDER);
-        EXPECT_EQ(record.size, 0u);
+        EXPECT_EQ(record.size, 0U);
         EXPECT_EQ(record.modtime, 0);
         EXPECT_EQ(record.listed, listed);
         EXPECT_FALSE(record.freeme);
@@ -139,7 +139,7 @@ class PathCache : public testing::Test {
 
 TEST_F(PathCache, StartsWithTheFourVirtualFolders)
 {
-    EXPECT_EQ(tirval_hashtable_size(cache), 4u);
+    EXPECT_EQ(tirval_hashtable_size(cache), 4U);
     for (const char *path : {"/", "/My files", "/Shared", "/Shared libraries"}) {
         ASSERT_NE(query(path), nullptr) << path;
         EXPECT_STREQ(query(path)->name, path) << "a cached record bears its key";
@@ -191,7 +191,7 @@ TEST_F(PathCache, AnUpdateOfAPresentKeyReplacesAndFreesTheOldRecord)
     EXPECT_EQ(update(item("a", "new"), "/My files"), TIRVAL_SUCCESS);
     EXPECT_STREQ(query("/My files/a")->id, "new");
     EXPECT_FALSE(query("/My files/a")->listed) << "the new record's flag counts";
-    EXPECT_EQ(tirval_hashtable_size(cache), 5u);
+    EXPECT_EQ(tirval_hashtable_size(cache), 5U);
 }
 
 TEST_F(PathCache, AMissingPathIsNull)
@@ -209,7 +209,7 @@ TEST_F(PathCache, RemovingFreesTheEntry)
 TEST_F(PathCache, RemovingAMissingKeyIsNoError)
 {
     EXPECT_EQ(tirval_onedrive_path_cache_remove(cache, "/none"), TIRVAL_SUCCESS);
-    EXPECT_EQ(tirval_hashtable_size(cache), 4u);
+    EXPECT_EQ(tirval_hashtable_size(cache), 4U);
 }
 
 TEST_F(PathCache, ARecordCanBeRemovedByItsOwnName)
@@ -226,7 +226,7 @@ TEST_F(PathCache, ARecordWithoutANameOrAnIdIsRefused)
         const tirval_result_t result = update(item(name, id), "/My files");
         EXPECT_TRUE(is_generic_error(result, "without a name or an id"));
     }
-    EXPECT_EQ(tirval_hashtable_size(cache), 4u);
+    EXPECT_EQ(tirval_hashtable_size(cache), 4U);
 }
 
 TEST_F(PathCache, AFailedInitialisationIsASystemErrorAndTheFoldersAreTriedAllTheSame)
@@ -237,7 +237,7 @@ TEST_F(PathCache, AFailedInitialisationIsASystemErrorAndTheFoldersAreTriedAllThe
     const tirval_result_t result = tirval_onedrive_path_cache_init(&table);
     table_init_fails = false;
     EXPECT_TRUE(is_malloc_error(result)) << message_of(result);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_update: enter\n"), 4u);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_update: enter\n"), 4U);
 }
 
 TEST_F(PathCache, AnInsertionThatFailsTwiceIsASystemErrorAndTheOldRecordIsGone)
@@ -264,14 +264,14 @@ TEST_F(PathCache, QueryAndCopyWritePlainExitLinesAndTheOthersTheirResult)
     update(item("a", "1"), "/My files");
     query("/My files/a");
     tirval_onedrive_path_cache_remove(cache, "/My files/a");
-    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_update: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_update: exit: result=TIRVAL_SUCCESS\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_query: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_query: exit\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_info_copy: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_info_copy: exit\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_remove: exit: result=TIRVAL_SUCCESS\n"), 1u);
-    EXPECT_EQ(trace.count("path_info_free"), 0u);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_update: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_update: exit: result=TIRVAL_SUCCESS\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_query: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_query: exit\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_info_copy: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_info_copy: exit\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_cache_remove: exit: result=TIRVAL_SUCCESS\n"), 1U);
+    EXPECT_EQ(trace.count("path_info_free"), 0U);
 }
 
 TEST_F(PathCache, TheConversionWritesNoLine)
@@ -286,11 +286,11 @@ TEST(InfoToStat, AFolderIsADirectoryAndAllElseARegularFile)
 {
     tirval_onedrive_path_info_t info = item("a", "1");
     info.type = TIRVAL_ONEDRIVE_FOLDER;
-    EXPECT_EQ(stat_record(info).mode, 040700u);
+    EXPECT_EQ(stat_record(info).mode, 040700U);
     info.type = TIRVAL_ONEDRIVE_FILE;
-    EXPECT_EQ(stat_record(info).mode, 0100700u);
+    EXPECT_EQ(stat_record(info).mode, 0100700U);
     info.type = TIRVAL_ONEDRIVE_UNKNOWN;
-    EXPECT_EQ(stat_record(info).mode, 0100700u);
+    EXPECT_EQ(stat_record(info).mode, 0100700U);
 }
 
 TEST(InfoToStat, SizeTimesAndNameAreTheRecords)
@@ -306,8 +306,8 @@ TEST(InfoToStat, SizeTimesAndNameAreTheRecords)
     EXPECT_EQ(record.atime, 1614834367);
     EXPECT_EQ(record.ctime, 1614834367);
     EXPECT_EQ(record.nlink, 1);
-    EXPECT_EQ(record.uid, 0u);
-    EXPECT_EQ(record.gid, 0u);
+    EXPECT_EQ(record.uid, 0U);
+    EXPECT_EQ(record.gid, 0U);
     EXPECT_EQ(record.symlink_target, nullptr);
     EXPECT_EQ(record.link_mode, 0);
     EXPECT_EQ(record.error, 0);
@@ -315,12 +315,12 @@ TEST(InfoToStat, SizeTimesAndNameAreTheRecords)
 
 TEST(InfoToStat, TheInodeIsTheHashOfTheName)
 {
-    EXPECT_EQ(stat_record(item("a", "1")).ino, 177670u) << "5381 * 33 + 97";
+    EXPECT_EQ(stat_record(item("a", "1")).ino, 177670U) << "5381 * 33 + 97";
 }
 
 TEST(InfoToStat, BytesAbove127CountNegative)
 {
-    EXPECT_EQ(stat_record(item("\xff", "1")).ino, 5381u * 33 - 1);
+    EXPECT_EQ(stat_record(item("\xff", "1")).ino, 5381U * 33 - 1);
 }
 
 TEST(InfoToStat, OnlyTheLow32BitsOfAHashCount)
@@ -329,15 +329,15 @@ TEST(InfoToStat, OnlyTheLow32BitsOfAHashCount)
     for (int i = 0; i < 40; ++i) {
         hash = hash * 33 + 'z';
     }
-    ASSERT_GT(hash, 0xffffffffu);
-    EXPECT_EQ(stat_record(item(std::string(40, 'z').c_str(), "1")).ino, hash & 0xffffffffu);
+    ASSERT_GT(hash, 0xffffffffU);
+    EXPECT_EQ(stat_record(item(std::string(40, 'z').c_str(), "1")).ino, hash & 0xffffffffU);
 }
 
 TEST(InfoToStat, TheDeviceIsTheHashOfTheParentsId)
 {
     tirval_onedrive_path_info_t info = item("a", "1");
     info.parent_id = const_cast<char *>("a");
-    EXPECT_EQ(stat_record(info).dev, 177670u);
+    EXPECT_EQ(stat_record(info).dev, 177670U);
 }
 
 TEST(InfoToStat, WithoutAParentTheDeviceIsTheHashOfFiveZeros)

@@ -95,11 +95,11 @@ TEST_F(PathResolve, AMissingNameOfAListedFolderIsMissingWithoutARequest)
 {
     peer.answer(graph::page({}));
     EXPECT_EQ(reply_of(resolve("/My files/x")), missing("/My files/x"));
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
     EXPECT_EQ(reply_of(resolve("/My files/x")), missing("/My files/x"));
     EXPECT_EQ(entry, nullptr);
     EXPECT_EQ(name(parent), "/My files");
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST_F(PathResolve, AMissingInnerComponentHasNoParent)
@@ -108,7 +108,7 @@ TEST_F(PathResolve, AMissingInnerComponentHasNoParent)
     EXPECT_EQ(reply_of(resolve("/My files/x/y/z")), missing("/My files/x/y/z"));
     EXPECT_EQ(entry, nullptr);
     EXPECT_EQ(parent, nullptr);
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST_F(PathResolve, ATrailingSlashIsTheFolderWithoutAParent)
@@ -205,8 +205,8 @@ TEST_F(PathResolve, ItsExitLineHasTheResult)
     debug_trace trace;
     resolve("/My files");
     resolve("/x");
-    EXPECT_EQ(trace.count("tirval_onedrive_path_resolve: enter\n"), 2u);
-    EXPECT_EQ(trace.count("tirval_onedrive_path_resolve: exit: result=TIRVAL_SUCCESS\n"), 1u);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_resolve: enter\n"), 2U);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_resolve: exit: result=TIRVAL_SUCCESS\n"), 1U);
     EXPECT_THAT(trace.text(),
                 testing::ContainsRegex("ERROR: [0-9]+: tirval_onedrive_path_resolve: exit: "
                                        "result=0x[0-9a-f]+ message=.*GridFTP-Path: \"/x\""));

@@ -235,7 +235,7 @@ TEST_F(PathUri, NoDebugLineIsItsOwn)
 {
     debug_trace trace;
     read("/My files/a", "/content");
-    EXPECT_EQ(trace.count("tirval_onedrive_path_to_uri"), 0u);
+    EXPECT_EQ(trace.count("tirval_onedrive_path_to_uri"), 0U);
 }
 
 TEST(PathUriLookUps, MyFilesNeedNoRequest)
@@ -264,7 +264,7 @@ TEST(PathUriLookUps, ASharedItemIsFoundByListingShared)
         TIRVAL_SUCCESS);
     const tirval_i_onedrive_text_t owner(uri);
     EXPECT_EQ(uri, session.graph_url() + "/v1.0/drives/owner/items/far:/f:/content");
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST(PathUriLookUps, AListingsFailureComesBackUnchanged)

@@ -27,7 +27,7 @@ TEST_F(RefusedEntries, AStoreIsRefusedBeforeItBegins)
     EXPECT_EQ(host.answer.code, 502);
     EXPECT_EQ(host.answer.tag, "NOT_IMPLEMENTED");
     EXPECT_EQ(host.begins, 0);
-    EXPECT_EQ(host.received, 0u);
+    EXPECT_EQ(host.received, 0U);
     EXPECT_EQ(host.answers, 1);
 }
 
@@ -38,8 +38,8 @@ TEST_F(RefusedEntries, ACommandIsRefused)
     EXPECT_EQ(host.answer.code, 502);
     EXPECT_EQ(host.answer.tag, "NOT_IMPLEMENTED");
     EXPECT_EQ(host.answers, 1);
-    EXPECT_EQ(trace.count("tirval_i_onedrive_command: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_i_onedrive_command: exit: result=0x"), 1u);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_command: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_command: exit: result=0x"), 1U);
 }
 
 } // namespace

@@ -77,7 +77,7 @@ TEST_F(RequestCycle, WithoutABearerNoTokenTravels)
 {
     peer.answer(http_peer_answer::json(200, "{}"));
     ASSERT_EQ(send(), TIRVAL_SUCCESS);
-    EXPECT_EQ(peer.requests().at(0).header_count("Authorization"), 0u);
+    EXPECT_EQ(peer.requests().at(0).header_count("Authorization"), 0U);
 }
 
 TEST_F(RequestCycle, ABodyIsSentAgainUnchanged)
@@ -89,7 +89,7 @@ TEST_F(RequestCycle, ABodyIsSentAgainUnchanged)
     peer.answer(http_peer_answer::complete(429));
     peer.answer(http_peer_answer::json(201, "{}"));
     ASSERT_EQ(send(), TIRVAL_SUCCESS);
-    ASSERT_EQ(peer.requests().size(), 2u);
+    ASSERT_EQ(peer.requests().size(), 2U);
     EXPECT_EQ(peer.requests().at(0).body, "{\"name\":\"a\"}");
     EXPECT_EQ(peer.requests().at(1).body, "{\"name\":\"a\"}");
     EXPECT_EQ(peer.requests().at(1).method, "POST");
@@ -123,14 +123,14 @@ TEST_F(RequestCycle, ARedirectIsBelow400AndNotFollowed)
 {
     peer.answer(http_peer_answer::complete(302, "", {{"Location", peer.url("/elsewhere")}}));
     EXPECT_EQ(send(), TIRVAL_SUCCESS);
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST_F(RequestCycle, AStatusThatIsTakenAsDoneEndsTheCycle)
 {
     peer.answer(http_peer_answer::complete(412));
     EXPECT_EQ(send(), TIRVAL_SUCCESS);
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 /* ---- Where a redirect is asked for ---- */
@@ -155,7 +155,7 @@ TEST_F(RequestCycle, A200WhereARedirectIsAskedForMeansBusyAndIsRepeated)
     peer.answer(http_peer_answer::json(200, "{}"));
     peer.answer(http_peer_answer::json(200, "{}"));
     EXPECT_EQ(reply_of(send()), (ftp_reply{451, "TOO_BUSY", std::nullopt}));
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
     EXPECT_EQ(repetitions, 0);
 }
 
@@ -179,8 +179,8 @@ TEST_F(RequestCycle, ABusyAnswerIsRepeatedOnceAndThenStands)
     peer.answer(http_peer_answer::complete(429));
     peer.answer(http_peer_answer::complete(429));
     EXPECT_EQ(reply_of(send()), (ftp_reply{451, "TOO_BUSY", std::nullopt}));
-    EXPECT_EQ(peer.requests().size(), 2u);
-    EXPECT_EQ(peer.unused(), 0u);
+    EXPECT_EQ(peer.requests().size(), 2U);
+    EXPECT_EQ(peer.unused(), 0U);
 }
 
 TEST_F(RequestCycle, AsManyRepetitionsAsAllowedAreMade)
@@ -188,7 +188,7 @@ TEST_F(RequestCycle, AsManyRepetitionsAsAllowedAreMade)
     repetitions = 2;
     peer.on_request([](const auto &) { return http_peer_answer::complete(429); });
     EXPECT_EQ(reply_of(send()).tag, "TOO_BUSY");
-    EXPECT_EQ(peer.requests().size(), 3u);
+    EXPECT_EQ(peer.requests().size(), 3U);
     EXPECT_EQ(repetitions, 0);
 }
 
@@ -197,7 +197,7 @@ TEST_F(RequestCycle, WithoutARepetitionThereIsOneAttempt)
     repetitions = 0;
     peer.answer(http_peer_answer::complete(429));
     EXPECT_EQ(reply_of(send()).tag, "TOO_BUSY");
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST_F(RequestCycle, ASecondAttemptMaySucceed)
@@ -219,7 +219,7 @@ TEST_F(RequestCycle, A503WithoutRetryAfterIsNotRepeated)
 {
     peer.answer(http_peer_answer::complete(503));
     EXPECT_EQ(reply_of(send()), (ftp_reply{500, "INTERNAL_ERROR", ""}));
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST_F(RequestCycle, A503WithRetryAfterIsRepeated)
@@ -227,7 +227,7 @@ TEST_F(RequestCycle, A503WithRetryAfterIsRepeated)
     peer.answer(http_peer_answer::complete(503, "", at_once));
     peer.answer(http_peer_answer::json(200, "{}"));
     EXPECT_EQ(send(), TIRVAL_SUCCESS);
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 TEST_F(RequestCycle, AnErrorPageReachesTheTranslationWithItsRetryAfter)
@@ -235,7 +235,7 @@ TEST_F(RequestCycle, AnErrorPageReachesTheTranslationWithItsRetryAfter)
     peer.answer(http_peer_answer::complete(503, "<html>Service Unavailable</html>", at_once));
     peer.answer(http_peer_answer::complete(503, "<html>Service Unavailable</html>"));
     EXPECT_EQ(reply_of(send()), (ftp_reply{500, "INTERNAL_ERROR", ""}));
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 TEST_F(RequestCycle, ARetryAfterOfAnEarlierAnswerDoesNotMakeTheNextRetryable)
@@ -244,7 +244,7 @@ TEST_F(RequestCycle, ARetryAfterOfAnEarlierAnswerDoesNotMakeTheNextRetryable)
     peer.answer(http_peer_answer::complete(503, "", at_once));
     peer.answer(http_peer_answer::complete(503));
     EXPECT_EQ(reply_of(send()).tag, "INTERNAL_ERROR");
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 TEST_F(RequestCycle, ARetryAfterIsSleptBeforeTheNextAttempt)
@@ -266,7 +266,7 @@ TEST_F(RequestCycle, WhereErrorAnswersAreFinalNoneIsRepeated)
     EXPECT_EQ(reply_of(send()), (ftp_reply{500, "INTERNAL_ERROR", ""}));
     peer.answer(http_peer_answer::complete(429));
     EXPECT_EQ(reply_of(send()), (ftp_reply{451, "TOO_BUSY", std::nullopt}));
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
     EXPECT_EQ(repetitions, 1);
 }
 
@@ -276,7 +276,7 @@ TEST_F(RequestCycle, WhereErrorAnswersAreFinalALostConnectionIsStillRepeated)
     peer.answer(http_peer_answer().reset());
     peer.answer(http_peer_answer::complete(204));
     EXPECT_EQ(send(), TIRVAL_SUCCESS);
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 /* ---- Transport failures ---- */
@@ -296,7 +296,7 @@ TEST_F(RequestCycle, ALostConnectionTwiceIsTheFailure)
     const tirval_result_t result = send();
     EXPECT_NE(result, TIRVAL_SUCCESS);
     EXPECT_TRUE(tirval_dsi_rest_error_is_retryable(result));
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 TEST_F(RequestCycle, ARefusedConnectionIsAttemptedAsOftenAsTheLibraryAllows)
@@ -305,7 +305,7 @@ TEST_F(RequestCycle, ARefusedConnectionIsAttemptedAsOftenAsTheLibraryAllows)
     request.uri = "http://127.0.0.1:1/";
     const tirval_result_t result = tirval_i_onedrive_request(session.handle(), &request);
     ASSERT_NE(result, TIRVAL_SUCCESS);
-    EXPECT_EQ(trace.count("API CALL!\n"), tirval_dsi_rest_error_is_retryable(result) ? 2u : 1u);
+    EXPECT_EQ(trace.count("API CALL!\n"), tirval_dsi_rest_error_is_retryable(result) ? 2U : 1U);
 }
 
 TEST_F(RequestCycle, ASilentServiceIsGivenUpAfterTheIdleTimeAndAskedAgain)
@@ -316,7 +316,7 @@ TEST_F(RequestCycle, ASilentServiceIsGivenUpAfterTheIdleTimeAndAskedAgain)
     peer.answer(http_peer_answer::json(200, "{}"));
     EXPECT_EQ(send(), TIRVAL_SUCCESS);
     tirval_i_onedrive_progress_timeout_ms = before;
-    ASSERT_EQ(peer.requests().size(), 2u);
+    ASSERT_EQ(peer.requests().size(), 2U);
     EXPECT_GE(gap(0, 1), 150ms);
 }
 
@@ -406,7 +406,7 @@ TEST_F(RequestCycle, EachAttemptWritesALineAtTheDebugLevel)
     peer.answer(http_peer_answer::complete(429));
     peer.answer(http_peer_answer::json(200, "{}"));
     ASSERT_EQ(send(), TIRVAL_SUCCESS);
-    EXPECT_EQ(trace.count(": API CALL!\n"), 2u);
+    EXPECT_EQ(trace.count(": API CALL!\n"), 2U);
     EXPECT_EQ(trace.count("OneDrive: DEBUG: "), trace.count("\n"));
 }
 
@@ -443,7 +443,7 @@ TEST_F(PacedRequest, KeepsTheUsersSpacing)
     send(true);
     send(true);
     const auto requests = peer.requests();
-    ASSERT_EQ(requests.size(), 3u);
+    ASSERT_EQ(requests.size(), 3U);
     EXPECT_GE(requests[1].arrived - requests[0].arrived, spacing - 50ms);
     EXPECT_GE(requests[2].arrived - requests[1].arrived, spacing - 50ms);
 }

@@ -21,7 +21,7 @@ void note(bool final_answer, tirval_result_t result,
           const tirval_gridftp_server_control_stat_t *records, int count)
 {
     raw_answer answer = {final_answer, result == TIRVAL_SUCCESS, records != nullptr, {}};
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; records != nullptr && i < count; ++i) {
         answer.names.push_back(records[i].name == nullptr ? "(none)" : records[i].name);
     }
     raw_answers.push_back(answer);
@@ -95,7 +95,7 @@ TEST_F(Stat, TheRootAloneIsOneFolder)
 {
     ASSERT_TRUE(host.stat("/"));
     EXPECT_THAT(names(), ElementsAre("/"));
-    EXPECT_EQ(host.records.at(0).mode, 040700u);
+    EXPECT_EQ(host.records.at(0).mode, 040700U);
     EXPECT_THAT(peer.requests(), IsEmpty());
 }
 
@@ -104,7 +104,7 @@ TEST_F(Stat, AnItemIsNamedByItsFullPath)
     peer.answer(graph::page({graph::file("a.txt")}));
     ASSERT_TRUE(host.stat("/My files/a.txt")) << host.answer.text;
     EXPECT_THAT(names(), ElementsAre("/My files/a.txt"));
-    EXPECT_EQ(host.records.at(0).mode, 0100700u);
+    EXPECT_EQ(host.records.at(0).mode, 0100700U);
     EXPECT_EQ(host.records.at(0).size, 5);
     EXPECT_EQ(host.records.at(0).mtime, 1614834367);
     EXPECT_EQ(host.answers, 1);
@@ -117,7 +117,7 @@ TEST_F(Stat, AMissingItemIsAnsweredWithOneEmptyRecordAndTheError)
     EXPECT_EQ(host.answer.code, 550);
     EXPECT_EQ(host.answer.tag, "PATH_NOT_FOUND");
     EXPECT_EQ(host.answer.message, "GridFTP-Path: \"/My files/none\"");
-    ASSERT_EQ(raw_answers.size(), 1u);
+    ASSERT_EQ(raw_answers.size(), 1U);
     EXPECT_THAT(raw_answers[0].names, ElementsAre("(none)"));
 }
 
@@ -126,7 +126,7 @@ TEST_F(Stat, ATokenThatCannotBeRenewedIsAnsweredWithoutRecords)
     session.handle()->access_token_exp = 0;
     EXPECT_FALSE(host.stat("/"));
     EXPECT_THAT(host.answer.text, testing::HasSubstr("Error loading user credential"));
-    ASSERT_EQ(raw_answers.size(), 1u);
+    ASSERT_EQ(raw_answers.size(), 1U);
     EXPECT_FALSE(raw_answers[0].has_records);
     EXPECT_THAT(raw_answers[0].names, IsEmpty());
 }
@@ -150,7 +150,7 @@ TEST_F(Stat, TheRootHoldsTheVirtualFoldersAndMakesNoRequest)
     ASSERT_TRUE(host.list("/"));
     EXPECT_THAT(names(), ElementsAre(".", "My files", "Shared", "Shared libraries"));
     for (const auto &record : host.records) {
-        EXPECT_EQ(record.mode, 040700u);
+        EXPECT_EQ(record.mode, 040700U);
         EXPECT_EQ(record.mtime, 0);
     }
     EXPECT_THAT(peer.requests(), IsEmpty());
@@ -176,10 +176,10 @@ TEST_F(Stat, AFolderComesFirstAsADotThenItsChildrenByPlainName)
     peer.answer(graph::page({graph::file("a.txt"), graph::folder("d")}));
     ASSERT_TRUE(host.list("/My files")) << host.answer.text;
     EXPECT_THAT(names(), ElementsAre(".", "a.txt", "d"));
-    EXPECT_EQ(host.records.at(0).mode, 040700u);
-    EXPECT_EQ(host.records.at(1).mode, 0100700u);
-    EXPECT_EQ(host.records.at(2).mode, 040700u);
-    EXPECT_NE(host.records.at(0).ino, 5381u * 33 + '.') << "its inode is that of the full path";
+    EXPECT_EQ(host.records.at(0).mode, 040700U);
+    EXPECT_EQ(host.records.at(1).mode, 0100700U);
+    EXPECT_EQ(host.records.at(2).mode, 040700U);
+    EXPECT_NE(host.records.at(0).ino, 5381U * 33 + '.') << "its inode is that of the full path";
 }
 
 TEST_F(Stat, ChildrenOfUnknownKindAreNotShownButCached)
@@ -202,7 +202,7 @@ TEST_F(Stat, TwoHundredAndFiftyChildrenGoOutInBatchesOfAHundred)
     EXPECT_EQ(raw_answers[0].names.back(), "f98");
     EXPECT_EQ(raw_answers[1].names.front(), "f99");
     EXPECT_EQ(raw_answers[2].names.back(), "f249");
-    EXPECT_EQ(host.records.size(), 251u);
+    EXPECT_EQ(host.records.size(), 251U);
 }
 
 TEST_F(Stat, AFullBatchLeavesAnEmptyFinalAnswer)
@@ -236,7 +236,7 @@ TEST_F(Stat, AListedFoldersChildrenNeedNoFurtherRequest)
     EXPECT_TRUE(session.cached("/My files")->listed);
     EXPECT_TRUE(host.stat("/My files/a"));
     EXPECT_FALSE(host.stat("/My files/b"));
-    EXPECT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests().size(), 1U);
 }
 
 TEST_F(Stat, ADirectoryStatAlwaysAsksAgain)
@@ -246,7 +246,7 @@ TEST_F(Stat, ADirectoryStatAlwaysAsksAgain)
     ASSERT_TRUE(host.list("/My files"));
     ASSERT_TRUE(host.list("/My files"));
     EXPECT_THAT(names(), ElementsAre(".", "b"));
-    EXPECT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests().size(), 2U);
 }
 
 TEST_F(Stat, AFileIsListedLikeAFolder)
@@ -265,7 +265,7 @@ TEST_F(Stat, AMissingFolderIsAnsweredWithoutRecords)
     session.mark_listed("/My files");
     EXPECT_FALSE(host.list("/My files/none"));
     EXPECT_EQ(host.answer.tag, "PATH_NOT_FOUND");
-    ASSERT_EQ(raw_answers.size(), 1u);
+    ASSERT_EQ(raw_answers.size(), 1U);
     EXPECT_THAT(raw_answers[0].names, IsEmpty());
 }
 
@@ -287,7 +287,7 @@ TEST_F(Stat, AListingThatFailsAtOnceEndsWithTheFoldersOwnRecord)
     peer.answer(http_peer_answer::complete(500));
     EXPECT_FALSE(host.list("/My files"));
     EXPECT_EQ(host.answer.tag, "INTERNAL_ERROR");
-    ASSERT_EQ(raw_answers.size(), 1u);
+    ASSERT_EQ(raw_answers.size(), 1U);
     EXPECT_THAT(raw_answers[0].names, ElementsAre("."));
 }
 
@@ -305,13 +305,13 @@ TEST_F(Stat, TheEntrysSuccessEndsWithAPlainExitLine)
 {
     debug_trace trace;
     ASSERT_TRUE(host.list("/"));
-    EXPECT_EQ(trace.count("tirval_i_onedrive_stat: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_i_onedrive_stat: exit\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_i_onedrive_stat_multi: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_i_onedrive_stat_multi: exit: result=TIRVAL_SUCCESS\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_stat_entry: enter\n"), 3u);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_stat: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_stat: exit\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_stat_multi: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_stat_multi: exit: result=TIRVAL_SUCCESS\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_stat_entry: enter\n"), 3U);
     ASSERT_TRUE(host.stat("/"));
-    EXPECT_EQ(trace.count("tirval_i_onedrive_stat_single: exit: result=TIRVAL_SUCCESS\n"), 1u);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_stat_single: exit: result=TIRVAL_SUCCESS\n"), 1U);
 }
 
 TEST_F(Stat, AFailedTokenEndsTheEntryWithAnErrorLine)

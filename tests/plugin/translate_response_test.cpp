@@ -48,7 +48,7 @@ TEST_F(TranslateResponse, ANonRedirectBelow400MeansBusyAndMayBeAskedAgain)
         const translation out = translate(status, nullptr);
         EXPECT_EQ(reply_of(out.result), (ftp_reply{451, "TOO_BUSY", no_message})) << status;
         EXPECT_TRUE(out.retryable);
-        EXPECT_EQ(out.retry_after, 0u);
+        EXPECT_EQ(out.retry_after, 0U);
     }
 }
 
@@ -97,7 +97,7 @@ TEST_F(TranslateResponse, Status500AndAboveIsAnInternalErrorNotAskedAgain)
         const translation out = translate(status, nullptr);
         EXPECT_EQ(reply_of(out.result), (ftp_reply{500, "INTERNAL_ERROR", ""})) << status;
         EXPECT_FALSE(out.retryable);
-        EXPECT_EQ(out.retry_after, 0u);
+        EXPECT_EQ(out.retry_after, 0U);
     }
 }
 
@@ -108,7 +108,7 @@ TEST_F(TranslateResponse, ARetryAfterMakesAnyAnswerRetryable)
     for (int status : {200, 400, 401, 404, 409, 412, 429, 500, 503}) {
         const translation out = translate(status, nullptr, "7");
         EXPECT_TRUE(out.retryable) << status;
-        EXPECT_EQ(out.retry_after, 7u);
+        EXPECT_EQ(out.retry_after, 7U);
     }
 }
 
@@ -119,15 +119,15 @@ TEST_F(TranslateResponse, A4xxTakenAsDoneStaysSoWithARetryAfter)
 
 TEST_F(TranslateResponse, OnlyTheLeadingDigitsOfARetryAfterCount)
 {
-    EXPECT_EQ(translate(503, nullptr, "3.5").retry_after, 3u);
-    EXPECT_EQ(translate(503, nullptr, " 12 seconds").retry_after, 12u);
+    EXPECT_EQ(translate(503, nullptr, "3.5").retry_after, 3U);
+    EXPECT_EQ(translate(503, nullptr, " 12 seconds").retry_after, 12U);
 }
 
 TEST_F(TranslateResponse, ADateInRetryAfterMeansAtOnce)
 {
     const translation out = translate(503, nullptr, "Wed, 21 Oct 2026 07:28:00 GMT");
     EXPECT_TRUE(out.retryable);
-    EXPECT_EQ(out.retry_after, 0u);
+    EXPECT_EQ(out.retry_after, 0U);
 }
 
 TEST_F(TranslateResponse, WithoutWantedHeadersNothingIsRetryable)
@@ -137,7 +137,7 @@ TEST_F(TranslateResponse, WithoutWantedHeadersNothingIsRetryable)
     uint64_t retry_after = 9;
     tirval_onedrive_translate_response(&response, nullptr, &retryable, &retry_after);
     EXPECT_FALSE(retryable);
-    EXPECT_EQ(retry_after, 0u);
+    EXPECT_EQ(retry_after, 0U);
 }
 
 TEST_F(TranslateResponse, WithoutARoomForItTheRetryAfterIsNotRead)
@@ -246,7 +246,7 @@ TEST_F(TranslateResponse, AnyOtherCodeIsItselfTheError)
     EXPECT_EQ(info_of(out.result, "code"), "serviceNotAvailable");
     EXPECT_EQ(info_of(out.result, "message"), "later");
     EXPECT_TRUE(out.retryable);
-    EXPECT_EQ(out.retry_after, 3u);
+    EXPECT_EQ(out.retry_after, 3U);
 }
 
 TEST_F(TranslateResponse, CodesCompareExactly)
@@ -274,7 +274,7 @@ TEST_F(TranslateResponse, WithoutACodeTheAnswerIsAnInternalErrorWithoutACause)
         EXPECT_EQ(reply_of(out.result), (ftp_reply{500, "INTERNAL_ERROR", ""})) << json;
         EXPECT_EQ(tirval_error_get_cause(tirval_error_peek(out.result)), nullptr);
         EXPECT_TRUE(out.retryable);
-        EXPECT_EQ(out.retry_after, 2u);
+        EXPECT_EQ(out.retry_after, 2U);
     }
 }
 

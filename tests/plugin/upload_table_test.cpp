@@ -43,7 +43,7 @@ class UploadTable : public testing::Test {
 
 TEST_F(UploadTable, StartsEmpty)
 {
-    EXPECT_EQ(tirval_hashtable_size(&table), 0u);
+    EXPECT_EQ(tirval_hashtable_size(&table), 0U);
 }
 
 TEST_F(UploadTable, AFailedInitialisationIsASystemError)
@@ -92,14 +92,14 @@ TEST_F(UploadTable, ARecordCanBeRemovedByItsOwnName)
     auto *upload = new_upload("/a", "u");
     tirval_onedrive_upload_state_update(&table, upload, "/a");
     EXPECT_EQ(tirval_onedrive_upload_state_remove(&table, upload->name), TIRVAL_SUCCESS);
-    EXPECT_EQ(tirval_hashtable_size(&table), 0u);
+    EXPECT_EQ(tirval_hashtable_size(&table), 0U);
 }
 
 TEST_F(UploadTable, RemovingAMissingPathSucceedsAndChangesNothing)
 {
     tirval_onedrive_upload_state_update(&table, new_upload("/a", "u"), "/a");
     EXPECT_EQ(tirval_onedrive_upload_state_remove(&table, "/b"), TIRVAL_SUCCESS);
-    EXPECT_EQ(tirval_hashtable_size(&table), 1u);
+    EXPECT_EQ(tirval_hashtable_size(&table), 1U);
 }
 
 TEST_F(UploadTable, FreeingDropsOneReferenceOfThePartArray)
@@ -107,7 +107,7 @@ TEST_F(UploadTable, FreeingDropsOneReferenceOfThePartArray)
     auto *upload = new_upload("/a", "u");
     const tirval_i_onedrive_json_t parts(json_incref(upload->part_array));
     tirval_onedrive_upload_session_free(upload);
-    EXPECT_EQ(parts->refcount, 1u);
+    EXPECT_EQ(parts->refcount, 1U);
     tirval_onedrive_upload_session_free(nullptr);
 }
 
@@ -115,23 +115,23 @@ TEST_F(UploadTable, ASessionsTableStartsWithTheVirtualFoldersAndIsFreedAsUploads
 {
     // The session's end frees these path records with the upload records' free function.
     tirval_hashtable_t *seeded = &session.handle()->upload_state;
-    EXPECT_EQ(tirval_hashtable_size(seeded), 4u);
+    EXPECT_EQ(tirval_hashtable_size(seeded), 4U);
     for (const char *path : {"/", "/My files", "/Shared", "/Shared libraries"}) {
         const auto *found = tirval_onedrive_upload_state_query(seeded, path);
         ASSERT_NE(found, nullptr) << path;
-        EXPECT_EQ(found->part_size, 0u);
+        EXPECT_EQ(found->part_size, 0U);
         EXPECT_EQ(found->part_array, nullptr);
     }
     EXPECT_EQ(tirval_onedrive_upload_state_remove(seeded, "/Shared"), TIRVAL_SUCCESS);
-    EXPECT_EQ(tirval_hashtable_size(seeded), 3u);
+    EXPECT_EQ(tirval_hashtable_size(seeded), 3U);
 }
 
 TEST_F(UploadTable, AQueryWritesAPlainExitLine)
 {
     debug_trace trace;
     url_of("/none");
-    EXPECT_EQ(trace.count("tirval_onedrive_upload_state_query: enter\n"), 1u);
-    EXPECT_EQ(trace.count("tirval_onedrive_upload_state_query: exit\n"), 1u);
+    EXPECT_EQ(trace.count("tirval_onedrive_upload_state_query: enter\n"), 1U);
+    EXPECT_EQ(trace.count("tirval_onedrive_upload_state_query: exit\n"), 1U);
 }
 
 } // namespace

@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
+
 using namespace tirval::server;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -25,6 +28,14 @@ std::vector<std::string> problems_with(const std::string &section, const std::st
 {
     return parsed("[" + section + "]\n" + line + "\n", {"auth.users_file=/etc/tirval-users"})
         .problems;
+}
+
+std::string read_file(const std::string &file)
+{
+    const std::ifstream stream{file};
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return text.str();
 }
 
 } // namespace
@@ -374,4 +385,48 @@ TEST(ConfigFile, AFileThatCannotBeReadOrTrustedIsNamed)
     const auto open_file = dir.write("open.toml", least, 0666);
     EXPECT_THAT(load_config(open_file, {}).problems,
                 ElementsAre(HasSubstr("everybody may write it")));
+}
+
+/* ---- What administrators read -------------------------------------------------------------- */
+
+TEST(ConfigExample, ItNamesEveryKeyWithItsDefault)
+{
+    const std::string file = TIRVAL_SOURCE_DIR "/packaging/gridftp-server.toml";
+    const auto [example, problems, warnings] = load_config(file, {});
+    EXPECT_THAT(problems, IsEmpty());
+    EXPECT_THAT(warnings, IsEmpty());
+    const config_t plain = parsed(least).config;
+    EXPECT_EQ(example.server.listen, plain.server.listen);
+    EXPECT_EQ(example.server.passive_ports, plain.server.passive_ports);
+    EXPECT_EQ(example.server.max_sessions, plain.server.max_sessions);
+    EXPECT_EQ(example.server.max_sessions_per_host, plain.server.max_sessions_per_host);
+    EXPECT_EQ(example.server.login_timeout, plain.server.login_timeout);
+    EXPECT_EQ(example.server.shutdown_timeout, plain.server.shutdown_timeout);
+    EXPECT_EQ(example.server.idle_timeout, plain.server.idle_timeout);
+    EXPECT_EQ(example.server.data_timeout, plain.server.data_timeout);
+    EXPECT_EQ(example.server.sandbox, plain.server.sandbox);
+    EXPECT_EQ(example.storage.refresh_after, plain.storage.refresh_after);
+    EXPECT_EQ(example.storage.onedrive.graph_url, plain.storage.onedrive.graph_url);
+    EXPECT_EQ(example.storage.onedrive.credential, plain.storage.onedrive.credential);
+    EXPECT_EQ(example.storage.onedrive.policy, plain.storage.onedrive.policy);
+    EXPECT_EQ(example.spool.directory, plain.spool.directory);
+    EXPECT_EQ(example.log.level, plain.log.level);
+    EXPECT_EQ(example.log.format, plain.log.format);
+    const std::string text = read_file(file);
+    for (const std::string &name : config_key_names()) {
+        EXPECT_THAT(text, HasSubstr("\n" + name.substr(name.rfind('.') + 1) + " = ")) << name;
+    }
+}
+
+TEST(ConfigManual, ItDescribesEveryKeyInItsSection)
+{
+    const std::string manual = read_file(TIRVAL_SOURCE_DIR "/docs/tirval-gridftp-server.toml.5");
+    for (const std::string &name : config_key_names()) {
+        const auto dot = name.rfind('.');
+        const auto begin = manual.find(".SH [" + name.substr(0, dot) + "]");
+        ASSERT_NE(begin, std::string::npos) << name;
+        const std::string section = manual.substr(begin, manual.find("\n.SH ", begin) - begin);
+        EXPECT_THAT(section, testing::ContainsRegex("\n\\.BR .*" + name.substr(dot + 1) + "[ \"]"))
+            << name;
+    }
 }

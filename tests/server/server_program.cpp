@@ -46,6 +46,7 @@ void wait_until(const std::function<bool()> &done, const std::string &what)
 
 pid_t spawn(std::vector<std::string> words, const std::string &error_file)
 {
+    setenv("TIRVAL_SECCOMP", "kill", 1); /* a call that the sandbox denies must not go unseen */
     std::vector<char *> arguments;
     for (std::string &word : words) {
         arguments.push_back(word.data());
