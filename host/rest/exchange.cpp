@@ -280,7 +280,7 @@ problem exchange::transfer()
 
 problem exchange::conclude(CURLcode code)
 {
-    // The handle would remember that it must rewind, and fail the next request with a body.
+    // Versions of libcurl keep the need to rewind beyond a reset, and fail the next body for it.
     handle_is_spoilt = code == CURLE_SEND_FAIL_REWIND;
     if (has_enough) {
         return {};

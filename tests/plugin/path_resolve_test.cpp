@@ -33,7 +33,7 @@ class PathResolve : public testing::Test {
     {
         return info == nullptr ? "(none)" : info->name;
     }
-    ftp_reply missing(const std::string &path)
+    static ftp_reply missing(const std::string &path)
     {
         return {550, "PATH_NOT_FOUND", "GridFTP-Path: \"" + path + "\""};
     }

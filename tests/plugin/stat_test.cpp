@@ -70,6 +70,7 @@ class Stat : public testing::Test {
     std::vector<std::string> names() const
     {
         std::vector<std::string> all;
+        all.reserve(host.records.size());
         for (const auto &record : host.records) {
             all.push_back(record.name.value_or("(none)"));
         }
