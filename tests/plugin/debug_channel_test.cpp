@@ -117,17 +117,17 @@ TEST(DebugChannel, CutsALongFormatWhenAThreadOrTimeIsPutBeforeIt)
     const std::string format(5000, 'x');
     {
         const memory_channel channel(TIRVAL_ONEDRIVE_ALL, 0, true);
-        tirval_i_TIRVAL_ONEDRIVE_debug_printf(format.c_str());
+        tirval_i_TIRVAL_ONEDRIVE_debug_printf(format.c_str(), "");
         const std::string prefix = std::to_string(tirval_thread_self()) + "::";
         EXPECT_EQ(channel.text(), prefix + std::string(4095 - prefix.size(), 'x'));
     }
     {
         const memory_channel channel(TIRVAL_ONEDRIVE_ALL, TIRVAL_ONEDRIVE_ALL);
-        tirval_i_TIRVAL_ONEDRIVE_debug_time_printf(format.c_str());
+        tirval_i_TIRVAL_ONEDRIVE_debug_time_printf(format.c_str(), "");
         EXPECT_EQ(channel.text().size(), 4095U);
     }
     const memory_channel channel(TIRVAL_ONEDRIVE_ALL);
-    tirval_i_TIRVAL_ONEDRIVE_debug_printf(format.c_str());
+    tirval_i_TIRVAL_ONEDRIVE_debug_printf(format.c_str(), "");
     EXPECT_EQ(channel.text(), format);
 }
 

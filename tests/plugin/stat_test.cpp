@@ -79,6 +79,7 @@ class Stat : public testing::Test {
     static std::vector<std::size_t> raw_counts()
     {
         std::vector<std::size_t> counts;
+        counts.reserve(raw_answers.size());
         for (const auto &answer : raw_answers) {
             counts.push_back(answer.names.size());
         }
