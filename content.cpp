@@ -33,9 +33,8 @@ static tirval_result_t tirval_l_onedrive_locate_content(tirval_onedrive_handle_t
     result = tirval_i_onedrive_request(handle, &request);
     location->reset(address);
     if (result == TIRVAL_SUCCESS && (address == nullptr || *address == '\0')) {
-        return tirval_error_put(tirval_error_construct_error(
-            nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER, "content", __func__, __LINE__, "%s",
-            "Content answer without a Location"));
+        return tirval_i_onedrive_answer_error("content", __func__, __LINE__,
+                                              "Content answer without a Location");
     }
     return result;
 }

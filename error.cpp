@@ -1,5 +1,5 @@
 /* The plug-in's error object: an ordered list of key/value pairs that travels as the cause of an
- * FTP response error.  Also the system errors that the whole plug-in reports. */
+ * FTP response error.  Also the errors that several sources report in one wording. */
 #include "tirval_onedrive_common.h"
 
 #include <cerrno>
@@ -334,7 +334,7 @@ extern "C" void tirval_onedrive_error_add_info(tirval_object_t *error,
     TIRVAL_ONEDRIVE_LOG_EXIT();
 }
 
-/* ---- System errors ---- */
+/* ---- Errors in one wording ---- */
 
 extern "C" tirval_result_t tirval_i_onedrive_system_error(const char *call)
 {
@@ -345,4 +345,11 @@ extern "C" tirval_result_t tirval_i_onedrive_system_error(const char *call)
 extern "C" tirval_result_t tirval_i_onedrive_malloc_error()
 {
     return tirval_i_onedrive_system_error("malloc");
+}
+
+extern "C" tirval_result_t tirval_i_onedrive_answer_error(const char *source, const char *function,
+                                                          int line, const char *message)
+{
+    return tirval_error_put(tirval_error_construct_error(
+        nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER, source, function, line, "%s", message));
 }

@@ -43,9 +43,8 @@ struct tirval_l_onedrive_listing_t {
 } // namespace
 
 #define TIRVAL_L_ONEDRIVE_LISTING_ERROR(message)                                                   \
-    tirval_error_put(                                                                              \
-        tirval_error_construct_error(nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER,           \
-                                     "get_folder_items", __func__, __LINE__, "%s", (message)))
+    tirval_i_onedrive_answer_error("get_folder_items", "tirval_onedrive_get_folder_items",         \
+                                   __LINE__, (message))
 
 static bool tirval_l_onedrive_kind_fits(const tirval_l_onedrive_listing_kind_t &kind,
                                         const char *uri)
@@ -107,11 +106,6 @@ static tirval_result_t tirval_l_onedrive_keep_next_link(tirval_l_onedrive_listin
                                                       : TIRVAL_SUCCESS;
 }
 
-static bool tirval_l_onedrive_addressable(const tirval_onedrive_path_info_t &entry)
-{
-    return entry.name != nullptr && *entry.name != '\0' && entry.id != nullptr;
-}
-
 static tirval_result_t tirval_l_onedrive_take_element(tirval_l_onedrive_listing_t *listing,
                                                       json_t *element)
 {
@@ -122,7 +116,7 @@ static tirval_result_t tirval_l_onedrive_take_element(tirval_l_onedrive_listing_
     if (tirval_onedrive_object_info_parse(item, &entry) != TIRVAL_SUCCESS) {
         return TIRVAL_L_ONEDRIVE_LISTING_ERROR("Failed info_parse!");
     }
-    if (!tirval_l_onedrive_addressable(entry)) {
+    if (!tirval_i_onedrive_path_info_addressable(&entry)) {
         TIRVAL_ONEDRIVE_LOG(TIRVAL_ONEDRIVE_WARN,
                             "%s: an item without a name or an id is left out\n", listing->path);
         return TIRVAL_SUCCESS;

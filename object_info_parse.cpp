@@ -9,15 +9,8 @@
 #include <ctime>
 
 #define TIRVAL_L_ONEDRIVE_PARSE_ERROR(message)                                                     \
-    tirval_l_onedrive_parse_error((message), __func__, __LINE__)
-
-static tirval_result_t tirval_l_onedrive_parse_error(const char *message, const char *function,
-                                                     int line)
-{
-    return tirval_error_put(
-        tirval_error_construct_error(nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER,
-                                     "object_info_parse", function, line, "%s", message));
-}
+    tirval_i_onedrive_answer_error("object_info_parse", "tirval_onedrive_object_info_parse",       \
+                                   __LINE__, (message))
 
 static void tirval_l_onedrive_set_text(char **field, const char *value)
 {

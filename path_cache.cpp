@@ -12,7 +12,7 @@ namespace {
 using tirval_l_onedrive_record_t =
     std::unique_ptr<tirval_onedrive_path_info_t, decltype(&tirval_onedrive_path_info_free)>;
 
-enum { TIRVAL_L_ONEDRIVE_CACHE_BUCKETS = 1023 };
+enum { TIRVAL_L_ONEDRIVE_BUCKETS = 1023 };
 
 /* A virtual folder.  Its texts are literals: the record is constant and never freed. */
 constexpr tirval_onedrive_path_info_t
@@ -99,16 +99,25 @@ void tirval_onedrive_path_info_free(tirval_onedrive_path_info_t *ptr)
     }
 }
 
+bool tirval_i_onedrive_path_info_addressable(const tirval_onedrive_path_info_t *info)
+{
+    return info->name != nullptr && *info->name != '\0' && info->id != nullptr;
+}
+
 /* ---- The cache ------------------------------------------------------------------------------- */
+
+tirval_result_t tirval_i_onedrive_path_table_init(tirval_hashtable_t *table)
+{
+    return tirval_hashtable_init(table, TIRVAL_L_ONEDRIVE_BUCKETS, tirval_hashtable_string_hash,
+                                 tirval_hashtable_string_keyeq) == 0
+               ? TIRVAL_SUCCESS
+               : tirval_i_onedrive_malloc_error();
+}
 
 tirval_result_t tirval_onedrive_path_cache_init(tirval_hashtable_t *cache)
 {
     TIRVAL_ONEDRIVE_LOG_ENTER();
-    tirval_result_t result = TIRVAL_SUCCESS;
-    if (tirval_hashtable_init(cache, TIRVAL_L_ONEDRIVE_CACHE_BUCKETS, tirval_hashtable_string_hash,
-                              tirval_hashtable_string_keyeq) != 0) {
-        result = tirval_i_onedrive_malloc_error();
-    }
+    const tirval_result_t result = tirval_i_onedrive_path_table_init(cache);
     tirval_onedrive_path_cache_update(cache, &tirval_i_onedrive_vfs_root_info, nullptr);
     tirval_onedrive_path_cache_update(cache, &tirval_i_onedrive_vfs_myfiles_info, "/");
     tirval_onedrive_path_cache_update(cache, &tirval_i_onedrive_vfs_shared_info, "/");
@@ -137,10 +146,10 @@ static tirval_result_t tirval_l_onedrive_enter_record(tirval_hashtable_t *cache,
                                                       const tirval_onedrive_path_info_t *info,
                                                       const char *base_path)
 {
-    if (info->name == nullptr || *info->name == '\0' || info->id == nullptr) {
-        return tirval_error_put(tirval_error_construct_error(
-            nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER, "path_cache", __func__, __LINE__,
-            "%s", "An item without a name or an id cannot be cached"));
+    if (!tirval_i_onedrive_path_info_addressable(info)) {
+        return tirval_i_onedrive_answer_error("path_cache", "tirval_onedrive_path_cache_update",
+                                              __LINE__,
+                                              "An item without a name or an id cannot be cached");
     }
     tirval_l_onedrive_record_t copy = tirval_l_onedrive_keyed_copy(info, base_path);
     if (copy == nullptr) {

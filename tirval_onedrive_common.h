@@ -137,12 +137,17 @@ TIRVAL_API const char *tirval_onedrive_error_get_info(tirval_object_t *error, co
 TIRVAL_API void tirval_onedrive_error_add_info(tirval_object_t *error,
                                                const tirval_dsi_rest_key_array_t *info);
 
-/* ---- System errors --------------------------------------------------------------------------- */
+/* ---- Errors in one wording ------------------------------------------------------------------- */
 
 /* "System error in CALL" with the current errno, put. */
 TIRVAL_API tirval_result_t tirval_i_onedrive_system_error(const char *call);
 /* The same for malloc: also what a lookup or an answer that is missing is reported as. */
 TIRVAL_API tirval_result_t tirval_i_onedrive_malloc_error(void);
+
+/* A generic error about what the service answered, put.  It says where it was made: `source` (the
+ * source's name without its ending) and `function` are borrowed for good. */
+TIRVAL_API tirval_result_t tirval_i_onedrive_answer_error(const char *source, const char *function,
+                                                          int line, const char *message);
 
 /* ---- State files ----------------------------------------------------------------------------- */
 
@@ -308,6 +313,11 @@ tirval_onedrive_path_info_copy(const tirval_onedrive_path_info_t *info);
 /* Frees the texts, and the record when it is a heap copy.  Null does nothing. */
 TIRVAL_API void tirval_onedrive_path_info_free(tirval_onedrive_path_info_t *ptr);
 
+/* Whether an item can be told from others and asked for: it has a name and an id. */
+TIRVAL_API bool tirval_i_onedrive_path_info_addressable(const tirval_onedrive_path_info_t *info);
+
+/* Makes an empty table from client paths to what a session keeps of them. */
+TIRVAL_API tirval_result_t tirval_i_onedrive_path_table_init(tirval_hashtable_t *table);
 /* Makes the table and enters the four virtual folders. */
 TIRVAL_API tirval_result_t tirval_onedrive_path_cache_init(tirval_hashtable_t *cache);
 /* Enters a copy of `info` under base_path/name, or under its name alone when there is no base path;

@@ -103,9 +103,8 @@ static tirval_result_t tirval_l_onedrive_reply(tirval_object_t *cause, int ftp_c
 /* The line is a fixed mark of this error, not the place in this source. */
 static tirval_result_t tirval_l_onedrive_bad_request(void)
 {
-    return tirval_error_put(tirval_error_construct_error(
-        nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER, "translate_response",
-        "tirval_onedrive_translate_response", 47, "%s", "Bad OneDrive request"));
+    return tirval_i_onedrive_answer_error(
+        "translate_response", "tirval_onedrive_translate_response", 47, "Bad OneDrive request");
 }
 
 static tirval_result_t tirval_l_onedrive_translate_status(int status, bool *retryable)

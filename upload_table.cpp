@@ -4,21 +4,10 @@
  */
 #include "tirval_onedrive_common.h"
 
-namespace {
-
-enum { TIRVAL_L_ONEDRIVE_UPLOAD_BUCKETS = 1023 };
-
-} // namespace
-
 tirval_result_t tirval_onedrive_upload_state_init(tirval_hashtable_t *cache)
 {
     TIRVAL_ONEDRIVE_LOG_ENTER();
-    tirval_result_t result = TIRVAL_SUCCESS;
-    if (tirval_hashtable_init(cache, TIRVAL_L_ONEDRIVE_UPLOAD_BUCKETS, tirval_hashtable_string_hash,
-                              tirval_hashtable_string_keyeq) != 0) {
-        result = tirval_i_onedrive_malloc_error();
-    }
-    return TIRVAL_ONEDRIVE_LOG_RESULT(result);
+    return TIRVAL_ONEDRIVE_LOG_RESULT(tirval_i_onedrive_path_table_init(cache));
 }
 
 tirval_result_t tirval_onedrive_upload_state_update(tirval_hashtable_t *cache,

@@ -132,6 +132,16 @@ const command_t *find_command(std::string_view verb)
     return found == command_rows.end() ? nullptr : found;
 }
 
+std::string loggable_text(const command_text_t &text)
+{
+    const command_t *command = find_command(text.verb);
+    if (command == nullptr) {
+        return "(unknown)"; /* a password that went astray, perhaps */
+    }
+    const bool secret = command->handler == nullptr || text.verb == "PASS";
+    return text.verb + " " + (secret ? "***" : safe_text(text.argument));
+}
+
 std::vector<std::string_view> offered_verbs()
 {
     std::vector<std::string_view> verbs;

@@ -28,6 +28,9 @@ struct command_t {
 /* Null when the verb is unknown. */
 const command_t *find_command(std::string_view verb);
 
+/* The command as a log may show it: an argument only where it can be no secret. */
+std::string loggable_text(const command_text_t &text);
+
 /* The verbs offered, in the table's order. */
 std::vector<std::string_view> offered_verbs();
 

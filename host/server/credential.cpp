@@ -561,6 +561,7 @@ std::string credential_source_t::fetch()
                "The credential now belongs to another account: log in again.");
     }
     identity_ = credential.identity();
+    sub_ = credential.sub;
     return storage_json(credential);
 }
 

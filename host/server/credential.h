@@ -61,11 +61,14 @@ class credential_source_t {
     std::string fetch();
 
     const std::filesystem::path &path() const { return path_; }
+    /* The credential's "sub"; empty before the first success of fetch(). */
+    const std::string &sub() const { return sub_; }
 
   private:
     std::filesystem::path path_;
     uid_t owner_;
     std::optional<std::string> identity_; /* "sub" and "tid" of the first call */
+    std::string sub_;
 };
 
 } // namespace tirval::server

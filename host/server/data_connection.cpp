@@ -53,6 +53,12 @@ wait_result_t wait_for(int descriptor, short events, steady_t::time_point deadli
     }
 }
 
+/* The connection stays where it waits: another attempt would meet the same at once. */
+bool is_shortage(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 failure_t cancelled_failure()
 {
     return make_failure(426, "Transfer aborted");
@@ -159,6 +165,9 @@ std::optional<failure_t> data_sender_t::accept_client()
         unique_fd_t accepted(
             accept4(endpoint_->listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!accepted) {
+            if (is_shortage(errno)) {
+                return make_failure(425, "The data connection cannot be opened");
+            }
             continue;
         }
         const socket_address_t peer = socket_address_t::peer_of(accepted.get());

@@ -120,7 +120,7 @@ class client_session_t final : public command_session_t {
     void finish_operations();
 
     /* Operations */
-    void finish_operation(const std::shared_ptr<outcome_t> &outcome);
+    void finish_operation();
     void abort_operation();
     void announce(const std::string &text);
     void log_transfer_of(const outcome_t &outcome) const;
@@ -168,6 +168,9 @@ class client_session_t final : public command_session_t {
     bool delaying_ = false;
     bool shutting_down_ = false;
     std::atomic<std::uint64_t> bytes_{0};
+    /* What came of the operation, from its end until finish_operation(), or until the operation
+     * thread has ended. */
+    std::optional<outcome_t> outcome_;
 
     int wrong_passwords_ = 0;
     int long_lines_ = 0;
@@ -322,8 +325,7 @@ void client_session_t::take_line(const control_line_t &line)
     if (find_command(command.verb) == nullptr) {
         command = split_command(without_leading_rubbish(line.text));
     }
-    log_debug("command: %s %s", safe_text(command.verb).c_str(),
-              command.verb == "PASS" ? "***" : safe_text(command.argument).c_str());
+    log_debug("command: %s", loggable_text(command).c_str());
     dispatch_command(*this, command);
 }
 
@@ -419,6 +421,9 @@ void client_session_t::finish_operations()
         leave_process(1);
     }
     operations_.reset();
+    if (outcome_) {
+        log_transfer_of(*outcome_); /* of a transfer that the session's end has broken off */
+    }
 }
 
 /* ---- Operations ---------------------------------------------------------------------------- */
@@ -430,7 +435,7 @@ void client_session_t::run(operation_t operation)
     bytes_ = 0;
     idle_timer_.cancel();
     operations_->post([this, operation = std::move(operation)] {
-        auto outcome = std::make_shared<outcome_t>();
+        outcome_t outcome;
         try {
             operation_context_t context{
                 *storage_,
@@ -438,12 +443,13 @@ void client_session_t::run(operation_t operation)
                     asio::post(io_, [this, text = std::move(text)] { announce(text); });
                 },
                 bytes_};
-            *outcome = operation(context);
+            outcome = operation(context);
         } catch (const std::exception &error) {
             log_error("an operation failed: %s", error.what());
-            outcome->reply = single_reply(451, "Internal error of the server.");
+            outcome = answer(single_reply(451, "Internal error of the server."));
         }
-        asio::post(io_, [this, outcome] { finish_operation(outcome); });
+        outcome_ = std::move(outcome);
+        asio::post(io_, [this] { finish_operation(); });
     });
 }
 
@@ -456,8 +462,9 @@ void client_session_t::announce(const std::string &text)
     }
 }
 
-void client_session_t::finish_operation(const std::shared_ptr<outcome_t> &outcome)
+void client_session_t::finish_operation()
 {
+    const std::optional<outcome_t> outcome = std::exchange(outcome_, std::nullopt);
     running_ = false;
     is_transfer_ = false;
     const bool stopped = tirval_gfs_cancelled() == TIRVAL_GFS_CANCEL_SHUTDOWN;

@@ -4,6 +4,7 @@
 #include "storage_session.h"
 
 #include "log.h"
+#include "pacing.h"
 #include "vpath.h"
 
 #include <utility>
@@ -100,7 +101,21 @@ std::optional<failure_t> storage_session_t::open()
     handle_ = host.handle;
     home_ = resolve_path("/", host.home_dir).value_or("/");
     opened_at_ = steady_t::now();
+    check_pacing();
     return std::nullopt;
+}
+
+void storage_session_t::check_pacing()
+{
+    if (setup_.config->name != "onedrive" || !credential_ || credential_->sub().empty() ||
+        std::exchange(pacing_checked_, true)) {
+        return;
+    }
+    const std::string problem = pacing_problem(setup_.account, credential_->sub());
+    if (!problem.empty()) {
+        log_warning("the pacing of requests is not shared with the user's other sessions: %s",
+                    problem.c_str());
+    }
 }
 
 bool storage_session_t::changed_by_others(const std::string &path) const

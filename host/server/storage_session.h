@@ -90,6 +90,8 @@ class storage_session_t final : private session_settings_t {
     std::optional<failure_t> with_credential_reason(std::optional<failure_t> failure);
     std::variant<item_t, failure_t> stat_once(const std::string &path);
     std::string credential_text();
+    /* Warns, once, of a storage that cannot pace this session together with the user's others. */
+    void check_pacing();
     template <typename run_t>
     std::optional<failure_t> run(operation_host_t &host, const run_t &run_entry);
 
@@ -103,6 +105,7 @@ class storage_session_t final : private session_settings_t {
     std::deque<std::string> settings_given_; /* texts that the running operation holds */
     std::string credential_reason_;          /* why the running operation got no credential */
     std::string checksums_;
+    bool pacing_checked_ = false;
 };
 
 } // namespace tirval::server

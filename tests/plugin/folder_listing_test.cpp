@@ -391,6 +391,39 @@ TEST_F(FolderListing, AnEntryThatCannotBeCachedFailsTheListingWithTheSameText)
     EXPECT_THAT(log.children, IsEmpty());
 }
 
+TEST_F(FolderListing, ItsFailuresNameTheListingAsTheirPlace)
+{
+    peer.answer(graph::page({R"({"name":"b","id":"2","lastModifiedDateTime":"yesterday"})"}));
+    peer.answer(http_peer_answer::json(200, "{}"));
+    for (int i = 0; i < 2; ++i) {
+        const error_place place = place_of(list("/My files"));
+        EXPECT_EQ(place.source, "get_folder_items");
+        EXPECT_EQ(place.function, "tirval_onedrive_get_folder_items");
+        EXPECT_GT(place.line, 0);
+    }
+}
+
+TEST_F(FolderListing, AUriOrABearerThatCannotBeFormedIsASystemErrorWithoutARequest)
+{
+    for (int call = 1; call <= 2; ++call) {
+        failing_text = call;
+        EXPECT_TRUE(is_malloc_error(list("/My files"))) << call;
+        EXPECT_EQ(failing_text, 0) << call;
+    }
+    EXPECT_THAT(peer.requests(), IsEmpty());
+}
+
+TEST_F(FolderListing, TheUsersSpacingIsKeptBeforeEachAttempt)
+{
+    const http_peer_headers at_once = {{"Retry-After", "0"}};
+    peer.answer(http_peer_answer::complete(503, "", at_once));
+    peer.answer(graph::page({}, peer.url("/page2")));
+    peer.answer(graph::page({}));
+    debug_trace trace;
+    ASSERT_EQ(list("/My files"), TIRVAL_SUCCESS);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_retry_delay: enter\n"), 3U);
+}
+
 TEST_F(FolderListing, AFollowedSiteWithoutANameFailsTheListing)
 {
     peer.answer(graph::page({R"({"sharepointIds":{"siteId":"s"}})"}));

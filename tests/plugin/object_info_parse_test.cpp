@@ -249,6 +249,17 @@ TEST_F(ObjectInfoParse, ASiteWithoutANameFailsAfterItsIdsWereSet)
     EXPECT_STREQ(info.parent_id, "Shared libraries");
 }
 
+TEST_F(ObjectInfoParse, EveryFailureNamesTheParserAsItsPlace)
+{
+    for (const char *text : {R"({"sharepointIds":{}})", R"({"sharepointIds":{"siteId":"S"}})",
+                             R"({"name":"a","id":"1","lastModifiedDateTime":"yesterday"})"}) {
+        const error_place place = place_of(parse(text));
+        EXPECT_EQ(place.source, "object_info_parse") << text;
+        EXPECT_EQ(place.function, "tirval_onedrive_object_info_parse") << text;
+        EXPECT_GT(place.line, 0) << text;
+    }
+}
+
 TEST_F(ObjectInfoParse, AnythingThatIsNoObjectIsUnknownAndNameless)
 {
     for (const char *text : {"[]", "\"text\"", "17", "null"}) {

@@ -68,6 +68,25 @@ inline bool is_generic_error(tirval_result_t result, const std::string &text)
            message_of(result).find(text) != std::string::npos;
 }
 
+/* Where a generic error says that it was made: source and function; the line when it is a mark. */
+struct error_place {
+    std::string source;
+    std::string function;
+    int line = 0;
+};
+
+inline error_place place_of(tirval_result_t result)
+{
+    const char *source = nullptr;
+    const char *function = nullptr;
+    error_place place;
+    if (tirval_error_get_location(tirval_error_peek(result), &source, &function, &place.line)) {
+        place.source = source == nullptr ? "" : source;
+        place.function = function == nullptr ? "" : function;
+    }
+    return place;
+}
+
 /* The lines that the plug-in writes to its debug channel while this lives. */
 class debug_trace : public memory_channel {
   public:

@@ -57,6 +57,9 @@ TEST_F(TranslateResponse, Status400IsAGenericErrorOfTheServicesAnswers)
     const translation out = translate(400, nullptr);
     EXPECT_TRUE(is_generic_error(out.result, "Bad OneDrive request"));
     EXPECT_FALSE(out.retryable);
+    EXPECT_EQ(place_of(out.result).source, "translate_response");
+    EXPECT_EQ(place_of(out.result).function, "tirval_onedrive_translate_response");
+    EXPECT_EQ(place_of(out.result).line, 47);
 }
 
 TEST_F(TranslateResponse, Status401And403MeanNoPermission)

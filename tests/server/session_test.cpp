@@ -508,6 +508,29 @@ TEST_F(Session, GarbageIsAnErrorAndTheSessionGoesOn)
     EXPECT_EQ(client.code_of("NOOP"), 200);
 }
 
+TEST_F(Session, NoPasswordReachesTheLogHoweverTheCommandIsGarbled)
+{
+    harness.config.log.level = server::log_level_t::debug;
+    harness.config.log.file = harness.folder / "log";
+    harness.folder.write("log", "", 0666);
+    server::open_logs(harness.config.log);
+    ftp_client_t &client = connected();
+    EXPECT_EQ(client.code_of("USER anna"), 331);
+    EXPECT_EQ(client.code_of(" PASS verborgen"), 500);
+    EXPECT_EQ(client.code_of("\tpass verborgen"), 500);
+    EXPECT_EQ(client.code_of("verborgen"), 500);
+    EXPECT_EQ(client.code_of("ACCT verborgen"), 502);
+    EXPECT_EQ(client.code_of("pass secret"), 230);
+    EXPECT_EQ(client.code_of("CWD docs"), 250);
+    expect_orderly_end();
+    server::open_logs({});
+    const std::string log = harness.folder.read("log");
+    EXPECT_THAT(log, HasSubstr("USER anna"));
+    EXPECT_THAT(log, HasSubstr("CWD docs"));
+    EXPECT_THAT(log, Not(HasSubstr("verborgen")));
+    EXPECT_THAT(log, Not(HasSubstr("secret")));
+}
+
 TEST_F(Session, RepliesCannotBeSplitByClientText)
 {
     ftp_client_t &client = connected();

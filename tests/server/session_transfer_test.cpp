@@ -554,6 +554,22 @@ TEST_F(Transfer, EachIsWrittenToTheTransferLog)
     EXPECT_THAT(log, HasSubstr("550"));
 }
 
+TEST_F(Transfer, OneThatTheLostControlConnectionBreaksOffIsLoggedToo)
+{
+    harness.storage.add_file("/My files/slow", "x").send = fake_send_t::silent_until_cancelled;
+    harness.config.log.transfer_log = harness.folder / "transfers";
+    harness.folder.write("transfers", "", 0666);
+    server::open_logs(harness.config.log);
+    ftp_client_t &client = binary();
+    const auto data = client.connect_data(client.passive());
+    EXPECT_EQ(client.code_of("RETR slow"), 150);
+    expect_orderly_end();
+    const std::string log = harness.folder.read("transfers");
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1);
+    EXPECT_THAT(log, HasSubstr("/My files/slow"));
+    EXPECT_THAT(log, HasSubstr("426"));
+}
+
 /* ---- Listings ------------------------------------------------------------------------------ */
 
 TEST_F(Transfer, AListingLooksLikeLs)
