@@ -138,6 +138,9 @@ std::string loggable_text(const command_text_t &text)
     if (command == nullptr) {
         return "(unknown)"; /* a password that went astray, perhaps */
     }
+    if (!text.has_argument) {
+        return text.verb;
+    }
     const bool secret = command->handler == nullptr || text.verb == "PASS";
     return text.verb + " " + (secret ? "***" : safe_text(text.argument));
 }

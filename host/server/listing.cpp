@@ -42,7 +42,8 @@ constexpr std::array fact_names = {
 std::tm utc(std::time_t time)
 {
     std::tm fields{};
-    if (gmtime_r(&time, &fields) == nullptr || fields.tm_year > 9999 - 1900) {
+    if (gmtime_r(&time, &fields) == nullptr || fields.tm_year > 9999 - 1900 ||
+        fields.tm_year < -1900) {
         const std::time_t epoch = 0;
         gmtime_r(&epoch, &fields);
     }

@@ -468,8 +468,8 @@ void client_session_t::finish_operation()
     running_ = false;
     is_transfer_ = false;
     const bool stopped = tirval_gfs_cancelled() == TIRVAL_GFS_CANCEL_SHUTDOWN;
-    tirval_gfs_cancel_clear();
     log_transfer_of(*outcome);
+    tirval_gfs_cancel_clear();
     if (leaving_) {
         return;
     }
@@ -510,7 +510,11 @@ void client_session_t::log_transfer_of(const outcome_t &outcome) const
     transfer_record_t record = *outcome.transfer;
     record.user = state_.login_name;
     record.client = context_.client;
-    record.code = aborted_ ? 426 : record.code;
+    const tirval_gfs_cancel_reason_t reason = tirval_gfs_cancelled();
+    const bool ended = reason == TIRVAL_GFS_CANCEL_LOST || reason == TIRVAL_GFS_CANCEL_SHUTDOWN;
+    if (aborted_ || (ended && record.code >= 400)) {
+        record.code = 426;
+    }
     log_transfer(record);
 }
 

@@ -69,10 +69,10 @@ void parse(std::string_view input)
     tirval_debug_init("TIRVAL_FUZZ_DEBUG", "TRACE DEBUG INFO WARN ERROR", &channel);
     const tirval_debug_handle_t second = channel;
     close(channel);
-    fuzz::require(value.empty() || (on == (second.file != nullptr) &&
-                                    first.levels == second.levels &&
-                                    first.timestamp_levels == second.timestamp_levels &&
-                                    first.thread_ids == second.thread_ids),
+    fuzz::require(value.empty() ||
+                      (on == (second.file != nullptr) && first.levels == second.levels &&
+                       first.timestamp_levels == second.timestamp_levels &&
+                       first.thread_ids == second.thread_ids),
                   "a semicolon at the end changes nothing");
 }
 
@@ -80,7 +80,7 @@ void parse(std::string_view input)
 
 TIRVAL_FUZZ_ENTRY(DebugVariable,
                   (fuzz::entry{parse,
-                               {"levels=TRACE|DEBUG;file=/dev/null;threads;times=ALL",
-                                "levels=ALL", "levels=0x1F|info;times=4", "threads;;levels=warn",
+                               {"levels=TRACE|DEBUG;file=/dev/null;threads;times=ALL", "levels=ALL",
+                                "levels=0x1F|info;times=4", "threads;;levels=warn",
                                 "file=;levels=ERROR", "levels=4294967296", "levels="},
-                               4000}))
+                               40000}))

@@ -51,4 +51,4 @@ void parse(std::string_view input)
 TIRVAL_FUZZ_ENTRY(HexEncode, (fuzz::entry{parse,
                                           {" #\n/a b/c#d", "\n100% \xC3\xA4 {}[]<>\\^`|",
                                            "/A0\n/A%20/0", " #\n/plus+and&more='[x]@!$,;.txt"},
-                                          20000}))
+                                          80000}))

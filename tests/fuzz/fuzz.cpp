@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <utility>
 #ifndef TIRVAL_LIBFUZZER
 #include <gtest/gtest.h>
 #endif
@@ -16,10 +17,32 @@ namespace fuzz {
 namespace {
 
 /* What parsers stumble over, whatever they parse. */
-const std::array<std::string, 26> tidbits = {
-    std::string(1, '\0'), "\r\n", "\r", "\n",  "\xFF",  "\xFF\xF4",    "\xC3\xA4", "\xED\xA0\x80",
-    "%00",  "%2F", "%",   "\"", "\\",  "\\u0000", "\\ud800",     "{",        "[[[[[[[[",
-    "..",   "//",  "-1",  "0",  "99999999999999999999", "9223372036854775807", ";", " ", "null"};
+const std::array<std::string, 26> tidbits = {std::string(1, '\0'),
+                                             "\r\n",
+                                             "\r",
+                                             "\n",
+                                             "\xFF",
+                                             "\xFF\xF4",
+                                             "\xC3\xA4",
+                                             "\xED\xA0\x80",
+                                             "%00",
+                                             "%2F",
+                                             "%",
+                                             "\"",
+                                             "\\",
+                                             "\\u0000",
+                                             "\\ud800",
+                                             "{",
+                                             "[[[[[[[[",
+                                             "..",
+                                             "//",
+                                             "-1",
+                                             "0",
+                                             "99999999999999999999",
+                                             "9223372036854775807",
+                                             ";",
+                                             " ",
+                                             "null"};
 
 /* std::mt19937_64 gives the same numbers everywhere; the library's distributions do not. */
 class dice {
@@ -66,9 +89,44 @@ void repeat(std::string &text, dice &random)
     }
 }
 
+bool is_word(char byte)
+{
+    return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||
+           (byte >= 'a' && byte <= 'z') || byte == '_' || byte == '-';
+}
+
+/* Where a word of the text begins and how long it is; length 0 when none was met. */
+std::pair<std::size_t, std::size_t> pick_word(const std::string &text, dice &random)
+{
+    std::size_t begin = random.below(text.size());
+    while (begin < text.size() && !is_word(text[begin])) {
+        ++begin;
+    }
+    while (begin > 0 && begin < text.size() && is_word(text[begin - 1])) {
+        --begin;
+    }
+    std::size_t end = begin;
+    while (end < text.size() && is_word(text[end])) {
+        ++end;
+    }
+    return {begin, end - begin};
+}
+
+/* Puts another word in a word's place: what has a grammar mostly stays well-formed. */
+void replace_word(std::string &text, const std::vector<std::string> &seeds, dice &random)
+{
+    const std::string &other = seeds[random.below(seeds.size())];
+    const auto [from, from_length] = pick_word(other, random);
+    const auto [at, length] = pick_word(text, random);
+    const bool from_seed = random.below(4) != 0;
+    text.replace(at, length,
+                 from_seed ? other.substr(from, from_length)
+                           : tidbits[random.below(tidbits.size())]);
+}
+
 void mutate_once(std::string &text, const std::vector<std::string> &seeds, dice &random)
 {
-    switch (random.below(7)) {
+    switch (random.below(10)) {
     case 0:
         return flip(text, random);
     case 1:
@@ -82,11 +140,14 @@ void mutate_once(std::string &text, const std::vector<std::string> &seeds, dice 
     case 5:
         text.resize(random.below(text.size() + 1));
         return;
-    default: {
+    case 6: {
         const std::string &other = seeds[random.below(seeds.size())];
         text = text.substr(0, random.below(text.size() + 1)) +
                other.substr(random.below(other.size() + 1));
+        return;
     }
+    default:
+        return replace_word(text, seeds, random);
     }
 }
 

@@ -10,7 +10,8 @@ using namespace tirval::rest;
 
 namespace {
 
-void require_plan(const response_head &head, const byte_range &wanted, bool strict, bool self_framed)
+void require_plan(const response_head &head, const byte_range &wanted, bool strict,
+                  bool self_framed)
 {
     content_plan plan;
     if (plan_content(head, wanted, strict, self_framed, plan)) {
@@ -71,4 +72,4 @@ TIRVAL_FUZZ_ENTRY(
                   "\nHTTP/1.1 204 No Content\r\nContent-Length: 0\r\n\r\n",
                   "bytes=0-9223372036854775807\nHTTP/1.1 206 P\r\nContent-Range: bytes "
                   "0-9223372036854775806/*\r\n\r\n"},
-                 20000}))
+                 60000}))

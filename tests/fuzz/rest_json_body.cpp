@@ -40,9 +40,10 @@ void parse(std::string_view input)
 
 TIRVAL_FUZZ_ENTRY(
     JsonBody,
-    (fuzz::entry{parse,
-                 {R"({"value":[{"id":"1","name":"a","size":3,"file":{}}],"@odata.nextLink":"x"})",
-                  R"({"error":{"code":"itemNotFound","message":"\u00e4 \ud83d\ude00","innerError":{}}})",
-                  R"([1,-2.5e300,true,null,"",{"a":[[[]]]}])", "", std::string(3000, '['),
-                  R"({"a":"\\\"[{,"})"},
-                 15000}))
+    (fuzz::entry{
+        parse,
+        {R"({"value":[{"id":"1","name":"a","size":3,"file":{}}],"@odata.nextLink":"x"})",
+         R"({"error":{"code":"itemNotFound","message":"\u00e4 \ud83d\ude00","innerError":{}}})",
+         R"([1,-2.5e300,true,null,"",{"a":[[[]]]}])", "", std::string(3000, '['),
+         R"({"a":"\\\"[{,"})"},
+        15000}))

@@ -64,4 +64,4 @@ std::vector<std::string> seeds()
 
 } // namespace
 
-TIRVAL_FUZZ_ENTRY(ResponseHead, (fuzz::entry{parse, seeds(), 15000}))
+TIRVAL_FUZZ_ENTRY(ResponseHead, (fuzz::entry{parse, seeds(), 40000}))

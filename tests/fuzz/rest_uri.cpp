@@ -1,6 +1,7 @@
 /* Addresses that are requested. */
 #include "fuzz.h"
 
+#include "response_head.h"
 #include "uri.h"
 
 #include <algorithm>
@@ -50,10 +51,11 @@ void parse(std::string_view input)
 
 } // namespace
 
-TIRVAL_FUZZ_ENTRY(
-    Uri, (fuzz::entry{parse,
-                      {"https://graph.microsoft.com/v1.0/me/drive/root/children",
-                       "https://x.sharepoint.com/a?tempauth=secret&b=%20#f", "http://127.0.0.1:8080/a",
-                       "http://[::1]:1/", "http://localhost", "https://user:pw@host/",
-                       "http://example.org/", "https:///three", "ftp://127.0.0.1/", "HTTPS://H/%zz"},
-                      10000}))
+TIRVAL_FUZZ_ENTRY(Uri,
+                  (fuzz::entry{parse,
+                               {"https://graph.microsoft.com/v1.0/me/drive/root/children",
+                                "https://x.sharepoint.com/a?tempauth=secret&b=%20#f",
+                                "http://127.0.0.1:8080/a", "http://[::1]:1/", "http://localhost",
+                                "https://user:pw@host/", "http://example.org/", "https:///three",
+                                "ftp://127.0.0.1/", "HTTPS://H/%zz"},
+                               40000}))

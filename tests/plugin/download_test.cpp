@@ -250,9 +250,11 @@ TEST_F(Download, AContentRequestAnswered503TwiceFailsAfterTwoAttempts)
 {
     service.answer(http_peer_answer::complete(503, "", at_once));
     service.answer(http_peer_answer::complete(503, "", at_once));
+    debug_trace trace;
     EXPECT_FALSE(send());
     EXPECT_EQ(host.answer.tag, "INTERNAL_ERROR");
     EXPECT_EQ(service.requests().size(), 2U);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_retry_delay: enter\n"), 2U) << "before each attempt";
     EXPECT_THAT(store.requests(), IsEmpty());
 }
 
@@ -499,6 +501,8 @@ TEST_F(Download, ItsLinesGoToTheDebugChannel)
     EXPECT_EQ(trace.count("tirval_i_onedrive_send: enter\n"), 1U);
     EXPECT_EQ(trace.count("tirval_i_onedrive_send: exit: result=TIRVAL_SUCCESS\n"), 1U);
     EXPECT_EQ(trace.count("API CALL!\n"), 2U);
+    EXPECT_EQ(trace.count("tirval_i_onedrive_retry_delay: enter\n"), 1U)
+        << "the download does not go to Graph";
 }
 
 TEST_F(Download, AFailuresChainIsWrittenAtTheErrorLevel)

@@ -14,6 +14,7 @@
 /* Which of the next calls fails for want of memory: 1 the next one, 0 none. */
 inline int failing_text = 0;
 inline bool table_init_fails = false;
+inline int last_table_size = 0; /* buckets */
 inline bool table_insert_fails = false;
 
 // NOLINTBEGIN(misc-definitions-in-headers): one source of a program includes this
@@ -35,6 +36,7 @@ extern "C" TIRVAL_API int tirval_hashtable_init(tirval_hashtable_t *table, int s
                                                 tirval_hashtable_hash_func_t hash,
                                                 tirval_hashtable_keyeq_func_t keyeq)
 {
+    last_table_size = size;
     if (table_init_fails) {
         errno = ENOMEM;
         return -1;

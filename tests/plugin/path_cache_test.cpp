@@ -5,6 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+
 namespace {
 
 using record_ptr =
@@ -94,6 +97,58 @@ TEST(PathRecord, FreeingLeavesARecordThatIsNotFromTheHeap)
     tirval_onedrive_path_info_free(nullptr);
 }
 
+TEST(RecordLayout, FieldsStandInTheirOrder)
+{
+    using item = tirval_onedrive_path_info_t;
+    constexpr std::array item_fields = {
+        offsetof(item, name),   offsetof(item, id),     offsetof(item, parent_id),
+        offsetof(item, type),   offsetof(item, size),   offsetof(item, modtime),
+        offsetof(item, md5),    offsetof(item, sha1),   offsetof(item, sha256),
+        offsetof(item, qxr),    offsetof(item, listed), offsetof(item, has_metadata),
+        offsetof(item, freeme),
+    };
+    EXPECT_TRUE(std::ranges::is_sorted(item_fields));
+
+    using upload = tirval_onedrive_upload_session_t;
+    constexpr std::array upload_fields = {
+        offsetof(upload, url),        offsetof(upload, exp),       offsetof(upload, name),
+        offsetof(upload, num_parts),  offsetof(upload, part_size), offsetof(upload, total_size),
+        offsetof(upload, part_array),
+    };
+    EXPECT_TRUE(std::ranges::is_sorted(upload_fields));
+
+    using session = tirval_onedrive_handle_t;
+    constexpr std::array session_fields = {
+        offsetof(session, username),
+        offsetof(session, userid),
+        offsetof(session, tid),
+        offsetof(session, personal),
+        offsetof(session, max_upload),
+        offsetof(session, access_token),
+        offsetof(session, access_token_exp),
+        offsetof(session, cache),
+        offsetof(session, upload_state),
+        offsetof(session, retry_state),
+    };
+    EXPECT_TRUE(std::ranges::is_sorted(session_fields));
+
+    using retry = tirval_onedrive_retry_t;
+    constexpr std::array retry_fields = {offsetof(retry, is), offsetof(retry, fd),
+                                         offsetof(retry, delay), offsetof(retry, shared)};
+    EXPECT_TRUE(std::ranges::is_sorted(retry_fields));
+
+    using state = tirval_onedrive_upload_state_t;
+    constexpr std::array state_fields = {offsetof(state, is), offsetof(state, fd),
+                                         offsetof(state, shared)};
+    EXPECT_TRUE(std::ranges::is_sorted(state_fields));
+
+    using listing = tirval_onedrive_stat_state_t;
+    constexpr std::array listing_fields = {offsetof(listing, op), offsetof(listing, stat_info),
+                                           offsetof(listing, stat_array),
+                                           offsetof(listing, stat_count)};
+    EXPECT_TRUE(std::ranges::is_sorted(listing_fields));
+}
+
 TEST(VirtualFolders, TheirRecordsAreConstant)
 {
     struct expectation {
@@ -148,6 +203,17 @@ TEST_F(PathCache, StartsWithTheFourVirtualFolders)
     EXPECT_STREQ(query("/My files")->id, "My files");
     EXPECT_TRUE(query("/")->listed);
     EXPECT_FALSE(query("/Shared")->listed);
+}
+
+TEST_F(PathCache, HasAThousandAndTwentyThreeBuckets)
+{
+    tirval_hashtable_t other = {};
+    last_table_size = 0;
+    ASSERT_EQ(tirval_onedrive_path_cache_init(&other), TIRVAL_SUCCESS);
+    EXPECT_EQ(last_table_size, 1023);
+    tirval_hashtable_destroy_all(&other, [](void *record) {
+        tirval_onedrive_path_info_free(static_cast<tirval_onedrive_path_info_t *>(record));
+    });
 }
 
 TEST_F(PathCache, TheKeyIsBaseSlashName)

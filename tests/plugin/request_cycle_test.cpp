@@ -257,6 +257,22 @@ TEST_F(RequestCycle, ARetryAfterIsSleptBeforeTheNextAttempt)
     EXPECT_GE(gap(0, 1), 900ms);
 }
 
+TEST_F(RequestCycle, ARetryAfterStandsUntilAnotherAnswerReplacesIt)
+{
+    repetitions = 3;
+    request.paced = true;
+    tirval_i_onedrive_max_delay = 0; /* told in the trace, but not slept */
+    peer.answer(http_peer_answer::complete(429, "", {{"Retry-After", "7"}}));
+    peer.answer(http_peer_answer().reset());
+    peer.answer(http_peer_answer::complete(429));
+    peer.answer(http_peer_answer::json(200, "{}"));
+    debug_trace trace(TIRVAL_ONEDRIVE_DEBUG);
+    EXPECT_EQ(send(), TIRVAL_SUCCESS);
+    EXPECT_EQ(trace.count("API CALL!\n"), 4U);
+    EXPECT_EQ(trace.count("retry_after=7 sleep=0\n"), 2U) << "a lost connection tells nothing new";
+    EXPECT_EQ(trace.count("retry_after="), 2U);
+}
+
 TEST_F(RequestCycle, WhereErrorAnswersAreFinalNoneIsRepeated)
 {
     request.success = TIRVAL_I_ONEDRIVE_ANY_ANSWERED;
@@ -408,6 +424,23 @@ TEST_F(RequestCycle, EachAttemptWritesALineAtTheDebugLevel)
     ASSERT_EQ(send(), TIRVAL_SUCCESS);
     EXPECT_EQ(trace.count(": API CALL!\n"), 2U);
     EXPECT_EQ(trace.count("OneDrive: DEBUG: "), trace.count("\n"));
+}
+
+TEST_F(RequestCycle, AnAttemptsLineComesBeforeItsDelay)
+{
+    request.paced = true;
+    peer.answer(http_peer_answer::complete(429));
+    peer.answer(http_peer_answer::json(200, "{}"));
+    debug_trace trace;
+    ASSERT_EQ(send(), TIRVAL_SUCCESS);
+    const std::string text = trace.text();
+    const auto call = text.find("API CALL!\n");
+    const auto delay = text.find("tirval_i_onedrive_retry_delay: enter\n");
+    ASSERT_NE(delay, std::string::npos);
+    EXPECT_LT(call, delay);
+    EXPECT_LT(text.find("API CALL!\n", call + 1),
+              text.find("tirval_i_onedrive_retry_delay: enter\n", delay + 1));
+    EXPECT_EQ(trace.count("tirval_i_onedrive_retry_delay: enter\n"), 2U);
 }
 
 /* ---- Pacing ---- */

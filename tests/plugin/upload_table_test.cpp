@@ -41,8 +41,9 @@ class UploadTable : public testing::Test {
     tirval_hashtable_t table = {};
 };
 
-TEST_F(UploadTable, StartsEmpty)
+TEST_F(UploadTable, StartsEmptyWithAThousandAndTwentyThreeBuckets)
 {
+    EXPECT_EQ(last_table_size, 1023);
     EXPECT_EQ(tirval_hashtable_size(&table), 0U);
 }
 

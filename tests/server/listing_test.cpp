@@ -70,6 +70,14 @@ TEST(LsLine, ShowsForeignOwnersByNumberAndLinksByTheirTarget)
               "lrw-r-----   3 1001     1002                7 Jan 15 12:30 ln -> target");
 }
 
+TEST(Facts, YearsThatFourDigitsCannotShowBecomeTheEpoch)
+{
+    EXPECT_EQ(time_value(-62135596801), "00001231235959");
+    EXPECT_EQ(time_value(-62167219201), "19700101000000");
+    EXPECT_EQ(time_value(253402300799), "99991231235959");
+    EXPECT_EQ(time_value(253402300800), "19700101000000");
+}
+
 TEST(LsLine, ShowsSizesBeyondFourGiB)
 {
     EXPECT_NE(ls_line(file(5'000'000'000'000, 0), "x", anna, 0).find(" 5000000000000 "),

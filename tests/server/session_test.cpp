@@ -3,6 +3,8 @@
  */
 #include "session_harness.h"
 
+#include "log.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -567,7 +567,7 @@ TEST_F(Transfer, OneThatTheLostControlConnectionBreaksOffIsLoggedToo)
     const std::string log = harness.folder.read("transfers");
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1);
     EXPECT_THAT(log, HasSubstr("/My files/slow"));
-    EXPECT_THAT(log, HasSubstr("426"));
+    EXPECT_THAT(log, HasSubstr("code=426"));
 }
 
 /* ---- Listings ------------------------------------------------------------------------------ */
