@@ -6,6 +6,15 @@
 #include <cstdio>
 #include <cstdlib>
 
+namespace {
+tirval_assertion_observer_t observer;
+}
+
+extern "C" void tirval_assertion_observe(tirval_assertion_observer_t new_observer)
+{
+    observer = new_observer;
+}
+
 extern "C" void tirval_assertion_failed(const char *text, const char *file, int line)
 {
     const tirval::common::owned_text message(
@@ -14,6 +23,9 @@ extern "C" void tirval_assertion_failed(const char *text, const char *file, int 
         (void)std::fputs(message.get(), stderr);
         (void)std::fflush(stderr);
         tirval::common::write_to_debug_channels(message.get());
+        if (observer != nullptr) {
+            observer(message.get());
+        }
     }
     std::abort();
 }

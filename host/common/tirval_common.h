@@ -43,6 +43,11 @@ extern "C" {
 TIRVAL_API void tirval_assertion_failed(const char *text, const char *file, int line)
     __attribute__((noreturn));
 
+/* Is told a failed assertion's whole text, too, before the process ends. */
+typedef void (*tirval_assertion_observer_t)(const char *text);
+/* For programs with a log of their own; null: nobody is told.  Not thread-safe. */
+TIRVAL_API void tirval_assertion_observe(tirval_assertion_observer_t observer);
+
 /* ---- Modules ------------------------------------------------------------------------------- */
 
 typedef struct tirval_version_s {

@@ -102,8 +102,8 @@ class builder {
         }
         json_t *const parent = open_values.back();
         const int failed = json_is_array(parent) ? json_array_append_new(parent, value)
-                                                 : json_object_setn_new_nocheck(
-                                                       parent, key.data(), key.size(), value);
+                                                 : json_object_setn_new_nocheck(parent, key.data(),
+                                                                                key.size(), value);
         key.clear();
         return failed == 0 || refuse(ec);
     }

@@ -3,6 +3,8 @@
  */
 #include "config.h"
 
+#include "log.h"
+
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <jansson.h>
@@ -437,6 +439,8 @@ class reader_t {
 
     void read_text(std::string_view text);
     void read_override(const std::string &text);
+    /* Keys and values in a problem may hold anything; the problem is one line all the same. */
+    void report(const std::string &problem) { result_.problems.push_back(clean_text(problem)); }
     void check_whole();
     config_result_t take() { return std::move(result_); }
 
@@ -461,7 +465,7 @@ void reader_t::apply(const std::string &place, const std::string &key, const tom
     const std::string reason =
         found == all_keys().end() ? "unknown key" : found->set(result_.config, node);
     if (!reason.empty()) {
-        result_.problems.push_back(place + ": " + key + ": " + reason);
+        report(place + ": " + key + ": " + reason);
     } else if (key == "storage.onedrive.policy") {
         policy_place_ = place;
     }
@@ -480,8 +484,7 @@ void reader_t::read_table(const toml::table &table, const std::string &section)
         } else if (node.is_table()) {
             read_table(*node.as_table(), name);
         } else {
-            result_.problems.push_back(place_of(key.source()) + ": " + name +
-                                       ": expected a section");
+            report(place_of(key.source()) + ": " + name + ": expected a section");
         }
     }
 }
@@ -491,8 +494,7 @@ void reader_t::read_text(std::string_view text)
     try {
         read_table(toml::parse(text), "");
     } catch (const toml::parse_error &error) {
-        result_.problems.push_back(place_of(error.source()) + ": " +
-                                   std::string{error.description()});
+        report(place_of(error.source()) + ": " + std::string{error.description()});
     }
 }
 
@@ -501,7 +503,7 @@ void reader_t::read_override(const std::string &text)
     const auto equals = text.find('=');
     const auto dot = text.rfind('.', equals);
     if (equals == std::string::npos || dot == std::string::npos) {
-        result_.problems.push_back("--set: " + text + ": expected section.key=VALUE");
+        report("--set: " + text + ": expected section.key=VALUE");
         return;
     }
     const std::string key = text.substr(0, equals);
@@ -525,7 +527,7 @@ void reader_t::check_whole()
         result_.warnings.push_back(policy_place_ + ": storage.onedrive.policy: " + policy);
     }
     if (result_.problems.empty() && result_.config.auth.users_file.empty()) {
-        result_.problems.push_back(name_ + ": auth.users_file: not set, so nobody could log in");
+        report(name_ + ": auth.users_file: not set, so nobody could log in");
     }
 }
 

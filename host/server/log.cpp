@@ -211,6 +211,11 @@ unique_fd_t open_or_throw(const std::filesystem::path &file)
 
 } // namespace
 
+static void log_assertion(const char *text)
+{
+    log_error("%.*s", static_cast<int>(std::strcspn(text, "\n")), text);
+}
+
 void open_logs(const log_config_t &config)
 {
     logs_t &logs = all_logs();
@@ -220,6 +225,8 @@ void open_logs(const log_config_t &config)
     logs.sink->use(std::move(file));
     logs.config = config;
     set_format(logs);
+    /* Without a file the text is on standard error already. */
+    tirval_assertion_observe(config.file.empty() ? nullptr : log_assertion);
 }
 
 void reopen_logs()

@@ -528,17 +528,17 @@ void client_session_t::log_in(const std::string &password)
         return;
     }
     const auto account = find_account(*local_user);
+    if (account_ && account && account_->uid != account->uid) {
+        /* The process has become the first user for good. */
+        reply(single_reply(530, "Another user needs a new connection."));
+        return;
+    }
     const std::string problem =
         account ? account_problem(*account) : "the local user does not exist";
     if (!problem.empty()) {
         log_warning("user \"%s\" cannot log in as \"%s\": %s",
                     clean_text(state_.login_name).c_str(), local_user->c_str(), problem.c_str());
         reply(single_reply(530, "This server cannot serve the local user."));
-        return;
-    }
-    if (account_ && account_->uid != account->uid) {
-        /* The process has become the first user for good. */
-        reply(single_reply(530, "Another user needs a new connection."));
         return;
     }
     if (account_ || become(*account)) {

@@ -2,6 +2,7 @@
 #include "tirval_common.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -67,6 +68,17 @@ TEST_F(Assertion, AFalseOneEndsTheProcessWithItsTextAndPlaceOnStandardError)
 {
     EXPECT_EXIT(fail_at_line_seventy(), testing::KilledBySignal(SIGABRT),
                 "^assertion failed: one == 2 \\|\\| one == 3 \\(place\\.cpp:70\\)\n$");
+}
+
+TEST_F(Assertion, IsToldToTheObserver)
+{
+    const auto die = [] {
+        tirval_assertion_observe(
+            [](const char *text) { (void)std::fprintf(stderr, "told: %s", text); });
+        fail_at_line_seventy();
+    };
+    EXPECT_EXIT(die(), testing::KilledBySignal(SIGABRT),
+                "told: assertion failed: one == 2 \\|\\| one == 3 \\(place\\.cpp:70\\)\n");
 }
 
 TEST_F(Assertion, IsWrittenToEveryOpenDebugChannel)

@@ -1,6 +1,7 @@
 """Sessions of different users side by side: whom their processes belong to, what they write where,
 and that the sessions of one user keep to one pace."""
 
+import ftplib
 import pathlib
 import threading
 import unittest
@@ -55,6 +56,18 @@ class Isolation(harness.EndToEnd):
             self.assertEqual(facts["Seccomp"], ["2"])
             threads = pathlib.Path(f"/proc/{process}/task").iterdir()
             self.assertEqual({status(thread.name)["Uid"][0] for thread in threads}, {str(self.uid(user))})
+
+    @unittest.skipUnless(harness.ROOT, "only root serves several users")
+    def test_a_session_never_becomes_a_second_user(self):
+        ftp, process = self.session_of("alice")
+        ftp.sendcmd("USER bob")
+        with self.assertRaisesRegex(ftplib.error_perm, "^530 Another user needs a new connection"):
+            ftp.sendcmd("PASS " + harness.PASSWORD)
+        with self.assertRaisesRegex(ftplib.error_perm, "^530"):
+            ftp.sendcmd("PWD")
+        self.assertEqual(status(process)["Uid"], [str(self.uid("alice"))] * 4)
+        ftp.login("alice", harness.PASSWORD)
+        self.assertIn("hello.txt", self.names(ftp, "/My files"))
 
     def test_each_session_writes_in_its_users_folder_alone(self):
         warnings = self.server.output().count(WARNING)

@@ -1,7 +1,7 @@
 /* Client paths cut into their pieces, and the URIs made of those below "/My files". */
 #include "fuzz.h"
 
-#include "test_session.h"
+#include "frame_support.h"
 
 #include <algorithm>
 
@@ -16,12 +16,12 @@ std::string joined(const text &piece, const char *before = "")
 
 void require_uri(const std::string &path, const std::string &below)
 {
-    static const test_session session;
+    tirval_onedrive_handle_t handle = {};
     const error_scope errors;
-    const std::string root = session.graph_url() + "/v1.0/me/drive/root";
+    const std::string root = std::string(tirval_i_onedrive_graph_url) + "/v1.0/me/drive/root";
     char *raw = nullptr;
     const tirval_result_t result =
-        tirval_onedrive_path_to_uri(session.handle(), path.c_str(), "/children", &raw, false);
+        tirval_onedrive_path_to_uri(&handle, path.c_str(), "/children", &raw, false);
     const text uri(raw);
     fuzz::require(result == TIRVAL_SUCCESS && uri != nullptr, "a path below My files has a URI");
     const std::string_view all = uri.get();

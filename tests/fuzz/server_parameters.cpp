@@ -47,6 +47,9 @@ void parse(std::string_view input)
 {
     control_line_parser_t lines;
     lines.feed(std::string(input) + "\r\n");
+    if (!lines.has_line()) {
+        return;
+    }
     const command_text_t command = split_command(lines.take_line().text);
     if (std::ranges::find(tried, command.verb) == tried.end()) {
         return;

@@ -4,11 +4,14 @@
 #include "child_process.h"
 #include "temp_dir.h"
 
+#include "tirval_common.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -86,6 +89,18 @@ transfer_record_t record()
 }
 
 } // namespace
+
+TEST_F(Log, AFailedAssertionIsInTheLogFileToo)
+{
+    const auto die = [this] {
+        open();
+        set_log_session(7);
+        TIRVAL_ASSERT(dir_.path().empty());
+    };
+    EXPECT_EXIT(die(), testing::KilledBySignal(SIGABRT), "assertion failed");
+    EXPECT_THAT(lines(), testing::ElementsAre(
+                             HasSubstr("session 7: assertion failed: dir_.path().empty()")));
+}
 
 TEST_F(Log, AnEntryIsALineWithTimeProcessLevelAndText)
 {

@@ -209,6 +209,31 @@ TEST_F(Session, TheStorageGetsTheUsersCredentialAndThePolicy)
     expect_orderly_end();
 }
 
+TEST_F(Session, APaceThatIsNotSharedIsLoggedOnceHoweverOftenTheStorageIsOpened)
+{
+    std::filesystem::permissions(harness.folder.path(), std::filesystem::perms(0755));
+    const auto file = harness.folder.write(
+        "credential.json",
+        R"({"access_token": "t", "token_expiry": "2099-01-01T00:00:00.000000+00:00",
+            "sub": "nobody-has-a-record-of-this"})");
+    ASSERT_EQ(chown(file.c_str(), test_account().uid, test_account().gid), 0);
+    harness.storage.wants_credential = true;
+    harness.config.storage.onedrive.credential = file;
+    harness.config.log.file = harness.folder / "log";
+    harness.folder.write("log", "", 0666);
+    server::open_logs(harness.config.log);
+    ftp_client_t &client = logged_in();
+    EXPECT_EQ(client.code_of("USER anna"), 331);
+    EXPECT_EQ(client.code_of("PASS secret"), 230);
+    expect_orderly_end();
+    server::open_logs({});
+    EXPECT_EQ(harness.storage.shared->starts, 2);
+    const std::string log = harness.folder.read("log");
+    const std::string warning = "the pacing of requests is not shared";
+    ASSERT_THAT(log, HasSubstr(warning));
+    EXPECT_EQ(log.find(warning), log.rfind(warning));
+}
+
 TEST_F(Session, ALogInThatFailedForItsCredentialWorksOnceThereIsOne)
 {
     std::filesystem::permissions(harness.folder.path(), std::filesystem::perms(0755));
