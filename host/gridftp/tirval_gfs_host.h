@@ -20,8 +20,8 @@ extern "C" {
 
 /* Completes a back end's registered read; call exactly once, on another thread than the one that
  * registered.  `nbytes` 0 with success means end of data.  `result` is borrowed. */
-typedef void (*tirval_gfs_read_done_t)(void *done_arg, tirval_result_t result,
-                                       tirval_size_t nbytes, tirval_off_t offset);
+typedef void (*tirval_gfs_read_done_t)(void *done_arg, tirval_result_t result, tirval_size_t nbytes,
+                                       tirval_off_t offset);
 
 /*
  * The functions of a back end; `host` is the run's argument.  All are called on the run's thread.
@@ -30,8 +30,8 @@ typedef void (*tirval_gfs_read_done_t)(void *done_arg, tirval_result_t result,
  */
 typedef struct tirval_gfs_backend_s {
     /* The answers.  The entry is still running: note what was said, and act after the run. */
-    void (*session_started)(void *host, tirval_result_t result, void *session,
-                            const char *username, const char *home_dir);
+    void (*session_started)(void *host, tirval_result_t result, void *session, const char *username,
+                            const char *home_dir);
     void (*stat_records)(void *host, const tirval_gridftp_server_control_stat_t *records,
                          int count); /* each batch, also that of the final answer */
     void (*stat_finished)(void *host, tirval_result_t result);
@@ -42,8 +42,8 @@ typedef struct tirval_gfs_backend_s {
     /* Session.  A text that stays valid until the run ends, or null. */
     char *(*config_data)(void *host, const char *key);
     void (*checksum_support)(void *host, const char *support);
-    int (*update_interval)(void *host);          /* default 0 */
-    time_t (*modification_time)(void *host);     /* default -1 */
+    int (*update_interval)(void *host);      /* default 0 */
+    time_t (*modification_time)(void *host); /* default -1 */
 
     /* Transfers.  begin_transfer opens the data connections; its failure (put by the back end)
      * becomes the outcome. */
@@ -64,7 +64,8 @@ typedef struct tirval_gfs_backend_s {
                                tirval_size_t *received, bool *would_block);
     /* A descriptor that polls readable when receive() has something; -1: none.  Default -1. */
     int (*receive_descriptor)(void *host);
-    /* Asks for at most `length` bytes on another thread; see tirval_gridftp_server_register_read. */
+    /* Asks for at most `length` bytes on another thread; see tirval_gridftp_server_register_read.
+     */
     tirval_result_t (*register_read)(void *host, void *buffer, tirval_size_t length,
                                      tirval_gfs_read_done_t done, void *done_arg);
 } tirval_gfs_backend_t;
@@ -85,10 +86,10 @@ TIRVAL_API void tirval_gfs_run_command(const tirval_gfs_storage_iface_t *iface, 
 /*
  * A transfer's reported success counts only if it happened; otherwise the back end is told an FTP
  * response error instead: what begin_transfer, send or receive failed with, 426 when the operation
- * was cancelled, or 451.  A download counts when it had begun, its ranges were asked for until there
- * were no more, and every one was delivered to its announced end; `known_size` (-1: not known)
- * excuses a range that starts at or beyond the end of the file.  A store counts when it had begun
- * and the client's data was read to the end.
+ * was cancelled, or 451.  A download counts when it had begun, its ranges were asked for until
+ * there were no more, and every one was delivered to its announced end; `known_size` (-1: not
+ * known) excuses a range that starts at or beyond the end of the file.  A store counts when it had
+ * begun and the client's data was read to the end.
  */
 TIRVAL_API void tirval_gfs_run_send(const tirval_gfs_storage_iface_t *iface, void *session,
                                     tirval_gfs_transfer_info_t *transfer_info,

@@ -4,8 +4,8 @@
  * time for each session, and each entry answers exactly once before it returns.
  *
  * Rules that hold throughout:
- *   - Results are borrowed: finished_*() neither releases nor keeps what a result names.  The object
- *     lives until the entry has returned; then the host releases everything put meanwhile.
+ *   - Results are borrowed: finished_*() neither releases nor keeps what a result names.  The
+ * object lives until the entry has returned; then the host releases everything put meanwhile.
  *   - Records, names and texts given in an answer are copied before the call returns.
  *   - Every out-parameter is set on every return, also a failing one.
  *   - All functions may be called by the entry's thread only, unless they say otherwise.
@@ -71,11 +71,11 @@ typedef enum tirval_gfs_command_type_e {
 } tirval_gfs_command_type_t;
 
 typedef struct tirval_gfs_command_info_s {
-    uint32_t command;         /* a tirval_gfs_command_type_t */
-    const char *pathname;     /* the path acted on; for a rename the new path */
-    tirval_off_t cksm_offset; /* first byte of a checksum */
-    tirval_off_t cksm_length; /* bytes of a checksum; -1: to the end */
-    const char *cksm_alg;     /* as the client gave it */
+    uint32_t command;          /* a tirval_gfs_command_type_t */
+    const char *pathname;      /* the path acted on; for a rename the new path */
+    tirval_off_t cksm_offset;  /* first byte of a checksum */
+    tirval_off_t cksm_length;  /* bytes of a checksum; -1: to the end */
+    const char *cksm_alg;      /* as the client gave it */
     const char *from_pathname; /* for a rename the old path */
     mode_t chmod_mode;
     time_t utime_time;
@@ -150,9 +150,10 @@ tirval_gridftp_server_finished_stat(tirval_gfs_operation_t op, tirval_result_t r
                                     const tirval_gridftp_server_control_stat_t *records, int count);
 
 /* Delivers records of a listing before its end; any number of times. */
-TIRVAL_API void tirval_gridftp_server_finished_stat_partial(
-    tirval_gfs_operation_t op, tirval_result_t result,
-    const tirval_gridftp_server_control_stat_t *records, int count);
+TIRVAL_API void
+tirval_gridftp_server_finished_stat_partial(tirval_gfs_operation_t op, tirval_result_t result,
+                                            const tirval_gridftp_server_control_stat_t *records,
+                                            int count);
 
 /* Ends a command.  `response` may be null. */
 TIRVAL_API void tirval_gridftp_server_finished_command(tirval_gfs_operation_t op,
@@ -272,9 +273,9 @@ tirval_gfs_ftp_response_error_construct(const tirval_module_descriptor_t *module
                                         const char *format, ...);
 
 /* An error from errno; ownership as above.  `saved_errno` 0 adds no system text. */
-TIRVAL_API tirval_object_t *
-tirval_i_gfs_error_system(const tirval_module_descriptor_t *module, int saved_errno,
-                          const char *format, ...) TIRVAL_PRINTF(3, 4);
+TIRVAL_API tirval_object_t *tirval_i_gfs_error_system(const tirval_module_descriptor_t *module,
+                                                      int saved_errno, const char *format, ...)
+    TIRVAL_PRINTF(3, 4);
 
 /*
  * Reads an FTP response error back.  Returns false (and sets 0, null, null) when `error` itself is
