@@ -17,7 +17,9 @@ namespace tirval::rest {
 
 namespace {
 
-constexpr auto report_interval = std::chrono::milliseconds(200);
+/* Together these make at least four progress reports a second. */
+constexpr auto report_interval = std::chrono::milliseconds(150);
+constexpr int longest_wait_ms = 75;
 
 /* Keeps an easy handle attached to its multi handle; detaching closes an unfinished transfer. */
 class attachment {
@@ -368,8 +370,7 @@ void exchange::wait()
     if (ahead >= 0) {
         extra[count++] = {ahead, CURL_WAIT_POLLIN, 0};
     }
-    curl_multi_poll(session.multi(), extra.data(), count, static_cast<int>(report_interval.count()),
-                    nullptr);
+    curl_multi_poll(session.multi(), extra.data(), count, longest_wait_ms, nullptr);
     if (ahead >= 0 && extra[ahead_index].revents != 0) {
         idle.outside([&] { tirval_gfs_stream_receive_ahead(operation); });
     }

@@ -26,7 +26,7 @@ extern "C" {
 
 /* The library's module.  Activation initialises libcurl and loads the certificate store (from
  * SSL_CERT_FILE and SSL_CERT_DIR, else the system's); it starts no thread and opens no connection.
- */
+ * SIGPIPE is ignored from then on where the program had left it at its default. */
 TIRVAL_API extern tirval_module_descriptor_t tirval_i_dsi_rest_module;
 
 typedef struct tirval_dsi_rest_key_value_s {

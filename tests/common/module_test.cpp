@@ -177,6 +177,28 @@ TEST_F(Module, ExitFunctionsRunOnceUsersBeforeTheModulesThatTheyUse)
         testing::ExitedWithCode(0), "begin\nouter exit\ninner exit\n$");
 }
 
+tirval_module_descriptor_t returning = {"returning",
+                                        nullptr,
+                                        nullptr,
+                                        [] {
+                                            std::fputs("returning exit\n", stderr);
+                                            tirval_module_activate(&returning);
+                                        },
+                                        nullptr,
+                                        nullptr};
+
+TEST_F(Module, AnExitFunctionThatActivatesItsModuleAgainStillRunsOnce)
+{
+    EXPECT_EXIT(
+        {
+            tirval_module_activate(&returning);
+            tirval_module_deactivate(&returning);
+            std::fputs("begin\n", stderr);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "^begin\nreturning exit\n(outer|inner|$)");
+}
+
 TEST_F(Module, ExitFunctionsDoNotRunWithoutASuccessfulActivation)
 {
     static tirval_module_descriptor_t broken = {

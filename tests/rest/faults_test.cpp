@@ -234,6 +234,8 @@ TEST_F(RestFaults, ACancelledOperationSendsNothing)
     EXPECT_FALSE(outcome.retryable);
     EXPECT_EQ(outcome.type, TIRVAL_ERROR_TYPE_CANCELLED);
     EXPECT_TRUE(peer.requests().empty());
+    EXPECT_EQ(rest_call("GET", "no address").send().type, TIRVAL_ERROR_TYPE_CANCELLED)
+        << "a cancelled call is not even looked at";
     tirval_gfs_cancel_clear();
     peer.answer(http_peer_answer::complete(200));
     EXPECT_TRUE(rest_call("GET", peer.url()).send().ok());

@@ -211,6 +211,7 @@ TEST_F(RestRequest, SendsABlockWithItsLengthOnceWhateverTheCallerSays)
         EXPECT_EQ(request.header("Content-Length"), std::to_string(text.size()));
         EXPECT_EQ(request.header("Content-Type"), "application/json");
         EXPECT_EQ(request.header_count("Transfer-Encoding"), 0U);
+        EXPECT_EQ(request.header_count("Expect"), 0U);
         EXPECT_TRUE(request.body == text) << method;
     }
 }

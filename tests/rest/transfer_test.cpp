@@ -98,6 +98,18 @@ TEST_F(RestTransfer, AnAnswerWithoutContentDoesNotCountAsTheFile)
     }
 }
 
+TEST_F(RestTransfer, ABodyUnderAStatusThatHasNoContentIsNotTheFile)
+{
+    for (const int status : {201, 202, 203}) {
+        peer.answer(http_peer_answer::complete(status, "accepted"));
+        const auto outcome = download({0, -1}).at(0);
+        EXPECT_FALSE(outcome.ok()) << status;
+        EXPECT_FALSE(outcome.retryable);
+        EXPECT_EQ(host.sent_bytes(), "");
+        EXPECT_FALSE(host.answer.success());
+    }
+}
+
 TEST_F(RestTransfer, ARangeBeyondTheEndIsLeftToTheOperation)
 {
     peer.answer(http_peer_answer::complete(416, "", {{"Content-Range", "bytes */9"}}));
@@ -144,6 +156,16 @@ TEST_F(RestTransfer, ABrokenDownloadIsNotReportedAsWhole)
     peer.answer(http_peer_answer().send("HTTP/1.1 200 x\r\nContent-Length: 9\r\n\r\nabcd").close());
     EXPECT_TRUE(download({0, -1}).at(0).retryable);
     EXPECT_FALSE(host.answer.success());
+}
+
+TEST_F(RestTransfer, AChunkedDownloadThatBreaksOffIsNotReportedAsWhole)
+{
+    peer.answer(http_peer_answer()
+                    .send("HTTP/1.1 200 x\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nabcd\r\n")
+                    .close());
+    EXPECT_TRUE(download({0, -1}).at(0).retryable);
+    EXPECT_EQ(host.sent_bytes(), "abcd");
+    EXPECT_EQ(host.answer.code, 451) << host.answer.text;
 }
 
 TEST_F(RestTransfer, ADownloadWhoseEndIsNotAnnouncedFails)
