@@ -118,6 +118,9 @@ tirval_result_t open_next(tirval_gfs_operation_t op, tirval_off_t offset, tirval
     if (!take_ahead(upload, static_cast<tirval_size_t>(length))) {
         return remember_failure(op, no_memory(__func__, __LINE__));
     }
+    if (upload.open && op->backend.stored_up_to != nullptr) {
+        op->backend.stored_up_to(op->host, offset);
+    }
     upload.open = true;
     upload.offset = offset;
     upload.length = static_cast<tirval_size_t>(length);

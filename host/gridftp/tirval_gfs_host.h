@@ -64,6 +64,9 @@ typedef struct tirval_gfs_backend_s {
                                tirval_size_t *received, bool *would_block);
     /* A descriptor that polls readable when receive() has something; -1: none.  Default -1. */
     int (*receive_descriptor)(void *host);
+    /* The storage goes on with the client's data at `offset` of the file: what stands before it is
+     * the service's.  Called when a body after the first one is opened. */
+    void (*stored_up_to)(void *host, tirval_off_t offset);
     /* Asks for at most `length` bytes on another thread; see tirval_gridftp_server_register_read.
      */
     tirval_result_t (*register_read)(void *host, void *buffer, tirval_size_t length,

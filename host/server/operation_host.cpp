@@ -71,9 +71,29 @@ void take_outcome(void *host, tirval_result_t result)
     guarded(host_of(host), [&] { host_of(host).finished(result); });
 }
 
-void take_command_outcome(void *host, tirval_result_t result, const char *)
+void take_command_outcome(void *host, tirval_result_t result, const char *response)
 {
+    guarded(host_of(host), [&] { host_of(host).respond(response == nullptr ? "" : response); });
     take_outcome(host, result);
+}
+
+void take_progress(void *host, const char *text)
+{
+    guarded(host_of(host), [&] { host_of(host).command_progress(text == nullptr ? "" : text); });
+}
+
+int give_update_interval(void *host)
+{
+    int seconds = 0;
+    guarded(host_of(host), [&] { seconds = host_of(host).update_interval(); });
+    return seconds;
+}
+
+time_t give_modification_time(void *host)
+{
+    time_t modified = -1;
+    guarded(host_of(host), [&] { modified = host_of(host).modification_time(); });
+    return modified;
 }
 
 char *give_setting(void *host, const char *key)
@@ -112,20 +132,62 @@ tirval_result_t flush_data(void *host)
     return guarded_result([&] { return host_of(host).flush(); });
 }
 
+void give_write_range(void *host, tirval_off_t *offset, tirval_off_t *length)
+{
+    guarded(host_of(host), [&] { host_of(host).write_range(*offset, *length); });
+}
+
+tirval_result_t receive_data(void *host, void *buffer, tirval_size_t capacity, bool wait,
+                             tirval_size_t *received, bool *would_block)
+{
+    return guarded_result([&] {
+        return host_of(host).receive({static_cast<char *>(buffer), capacity}, wait, *received,
+                                     *would_block);
+    });
+}
+
+int give_receive_descriptor(void *host)
+{
+    int descriptor = -1;
+    guarded(host_of(host), [&] { descriptor = host_of(host).receive_descriptor(); });
+    return descriptor;
+}
+
+tirval_result_t register_read(void *host, void *buffer, tirval_size_t length,
+                              tirval_gfs_read_done_t done, void *done_arg)
+{
+    return guarded_result([&] {
+        return host_of(host).register_read({static_cast<char *>(buffer), length}, done, done_arg);
+    });
+}
+
+void take_stored_up_to(void *host, tirval_off_t offset)
+{
+    guarded(host_of(host), [&] { host_of(host).stored_up_to(offset); });
+}
+
 tirval_gfs_backend_t make_backend()
 {
     tirval_gfs_backend_t backend{};
     backend.session_started = take_session;
     backend.stat_records = take_records;
     backend.stat_finished = take_outcome;
+    backend.command_progress = take_progress;
     backend.command_finished = take_command_outcome;
     backend.transfer_finished = take_outcome;
     backend.config_data = give_setting;
     backend.checksum_support = take_checksum_support;
+    backend.update_interval = give_update_interval;
+    backend.modification_time = give_modification_time;
     backend.begin_transfer = begin_transfer;
     backend.read_range = give_read_range;
     backend.send = send_data;
     backend.flush = flush_data;
+    backend.write_range = give_write_range;
+    backend.receive = receive_data;
+    backend.receive_descriptor = give_receive_descriptor;
+    backend.register_read = register_read;
+    backend.stored_up_to = take_stored_up_to;
     return backend;
 }
 
@@ -149,6 +211,29 @@ std::optional<failure_t> operation_host_t::flush()
 {
     return std::nullopt;
 }
+void operation_host_t::write_range(tirval_off_t &offset, tirval_off_t &length)
+{
+    offset = 0;
+    length = -1;
+}
+std::optional<failure_t> operation_host_t::receive(std::span<char>, bool, std::size_t &received,
+                                                   bool &would_block)
+{
+    received = 0;
+    would_block = false;
+    return std::nullopt;
+}
+int operation_host_t::receive_descriptor()
+{
+    return -1;
+}
+std::optional<failure_t> operation_host_t::register_read(std::span<char>, tirval_gfs_read_done_t,
+                                                         void *)
+{
+    return make_failure(451, "There is no data to read");
+}
+void operation_host_t::stored_up_to(tirval_off_t) {}
+void operation_host_t::command_progress(std::string_view) {}
 
 void operation_host_t::finished(tirval_result_t result)
 {

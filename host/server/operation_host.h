@@ -9,6 +9,7 @@
 
 #include "tirval_gfs_host.h"
 
+#include <ctime>
 #include <optional>
 #include <span>
 #include <string>
@@ -46,15 +47,37 @@ class operation_host_t {
     virtual bool read_range(tirval_off_t &offset, tirval_off_t &length);
     virtual std::optional<failure_t> send(std::string_view data);
     virtual std::optional<failure_t> flush();
+
+    /* Stores: where the client's data goes, `length` -1: to its end. */
+    virtual void write_range(tirval_off_t &offset, tirval_off_t &length);
+    /* The next bytes of the client's data; all as tirval_gfs_backend_t's receive. */
+    virtual std::optional<failure_t> receive(std::span<char> buffer, bool wait,
+                                             std::size_t &received, bool &would_block);
+    virtual int receive_descriptor();
+    virtual std::optional<failure_t> register_read(std::span<char> buffer,
+                                                   tirval_gfs_read_done_t done, void *done_arg);
+    /* The storage has taken everything before `offset`, and goes on from there. */
+    virtual void stored_up_to(tirval_off_t offset);
+    /* What the client wants the stored file's modification time to be; -1: nothing. */
+    virtual std::time_t modification_time() { return -1; }
+
+    /* Commands: progress, at most once in `update_interval` seconds; 0: none is wanted. */
+    virtual int update_interval() { return 0; }
+    virtual void command_progress(std::string_view text);
+    /* The text that the storage ended the command with; empty when there is none. */
+    const std::string &response() const { return response_; }
+
     /* The code of a failure that does not bring one. */
     virtual int default_code() const { return 550; }
 
     session_settings_t &settings() { return settings_; }
     void finished(tirval_result_t result);
     void fail(failure_t failure);
+    void respond(std::string_view text) { response_ = text; }
 
   private:
     session_settings_t &settings_;
+    std::string response_;
     std::optional<failure_t> outcome_;
 };
 

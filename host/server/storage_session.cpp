@@ -98,6 +98,8 @@ std::optional<failure_t> storage_session_t::open()
         return failure;
     }
     is_open_ = true;
+    distrusted_ = false;
+    broken_stores_.clear();
     handle_ = host.handle;
     home_ = resolve_path("/", host.home_dir).value_or("/");
     opened_at_ = steady_t::now();
@@ -130,10 +132,22 @@ bool storage_session_t::expired() const
     return limit.count() > 0 && steady_t::now() - opened_at_ >= limit;
 }
 
+/* A store that waits to be continued keeps the session: only that knows where it was. */
+bool storage_session_t::must_reopen() const
+{
+    return broken_stores_.empty() && (distrusted_ || expired());
+}
+
 std::optional<failure_t> storage_session_t::refresh(const std::string &path, bool &changed)
 {
-    changed = is_open_ && changed_by_others(path);
-    return !is_open_ || changed || expired() ? open() : std::nullopt;
+    changed = is_open_ && broken_stores_.empty() && changed_by_others(path);
+    return !is_open_ || changed || must_reopen() ? open() : std::nullopt;
+}
+
+std::optional<failure_t> storage_session_t::refresh(const std::string &path)
+{
+    bool changed = false;
+    return refresh(path, changed);
 }
 
 std::variant<item_t, failure_t> storage_session_t::stat(const std::string &path)
@@ -188,6 +202,44 @@ std::optional<failure_t> storage_session_t::send(const std::string &path, std::i
         tirval_gfs_run_send(setup_.storage, handle_, &info, known_size, &operation_backend(),
                             &host);
     });
+}
+
+std::optional<failure_t> storage_session_t::recv(tirval_gfs_transfer_info_t &info,
+                                                 operation_host_t &host)
+{
+    return run(host, [&] {
+        tirval_gfs_run_recv(setup_.storage, handle_, &info, &operation_backend(), &host);
+    });
+}
+
+std::optional<failure_t> storage_session_t::command(tirval_gfs_command_info_t &info,
+                                                    operation_host_t &host)
+{
+    return run(host, [&] {
+        tirval_gfs_run_command(setup_.storage, handle_, &info, &operation_backend(), &host);
+    });
+}
+
+void storage_session_t::note_change(const std::string &path)
+{
+    setup_.changes->note_change(setup_.account.name, path, setup_.session_id);
+}
+
+const storage_session_t::broken_store_t *
+storage_session_t::broken_store(const std::string &path) const
+{
+    const auto found = broken_stores_.find(path);
+    return found == broken_stores_.end() ? nullptr : &found->second;
+}
+
+void storage_session_t::remember_broken_store(const std::string &path, const broken_store_t &store)
+{
+    broken_stores_.insert_or_assign(path, store);
+}
+
+void storage_session_t::forget_broken_store(const std::string &path)
+{
+    broken_stores_.erase(path);
 }
 
 std::optional<failure_t> storage_session_t::with_credential_reason(std::optional<failure_t> failure)

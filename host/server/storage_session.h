@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -72,6 +73,33 @@ class storage_session_t final : private session_settings_t {
     std::optional<failure_t> send(const std::string &path, std::int64_t known_size,
                                   operation_host_t &host);
 
+    /* Runs a store with `host` as its other side.  Nothing is refreshed: the path as for list(). */
+    std::optional<failure_t> recv(tirval_gfs_transfer_info_t &info, operation_host_t &host);
+
+    /* Runs a command with `host` as its other side.  Nothing is refreshed: the path as for list().
+     */
+    std::optional<failure_t> command(tirval_gfs_command_info_t &info, operation_host_t &host);
+
+    /* Opens the session, or opens it anew, where an operation on `path` needs that. */
+    std::optional<failure_t> refresh(const std::string &path);
+
+    /* Tells the user's other sessions that this one has changed the item at `path`. */
+    void note_change(const std::string &path);
+    /* What the storage remembers may not be true any more: the session is opened anew before the
+     * next operation, unless a store waits to be continued. */
+    void distrust() { distrusted_ = true; }
+
+    /* A store of announced size that broke off, and that the storage can continue as long as its
+     * session is open. */
+    struct broken_store_t {
+        std::int64_t total;  /* bytes that the file was to have */
+        std::int64_t stored; /* bytes from the file's start that the service has */
+    };
+    /* Null when no store of the path waits to be continued. */
+    const broken_store_t *broken_store(const std::string &path) const;
+    void remember_broken_store(const std::string &path, const broken_store_t &store);
+    void forget_broken_store(const std::string &path);
+
     /* What the storage announced when it was opened, "NAME:NUMBER;" for each checksum. */
     const std::string &checksums() const { return checksums_; }
 
@@ -85,6 +113,7 @@ class storage_session_t final : private session_settings_t {
     void close();
     bool changed_by_others(const std::string &path) const;
     bool expired() const;
+    bool must_reopen() const;
     /* Opens the session, or opens it anew, where that is needed before an operation on `path`. */
     std::optional<failure_t> refresh(const std::string &path, bool &changed);
     std::optional<failure_t> with_credential_reason(std::optional<failure_t> failure);
@@ -105,6 +134,8 @@ class storage_session_t final : private session_settings_t {
     std::deque<std::string> settings_given_; /* texts that the running operation holds */
     std::string credential_reason_;          /* why the running operation got no credential */
     std::string checksums_;
+    bool distrusted_ = false;
+    std::map<std::string, broken_store_t> broken_stores_;
     bool pacing_checked_ = false;
 };
 
