@@ -347,6 +347,21 @@ extern "C" tirval_result_t tirval_i_onedrive_malloc_error()
     return tirval_i_onedrive_system_error("malloc");
 }
 
+extern "C" tirval_result_t tirval_i_onedrive_path_error(const char *tag, const char *path)
+{
+    return tirval_error_put(tirval_gfs_ftp_response_error_construct(nullptr, nullptr, 553, tag,
+                                                                    "GridFTP-Path: %s", path));
+}
+
+extern "C" tirval_result_t tirval_i_onedrive_write_refusal(const char *path, const char *reason)
+{
+    tirval_l_pair_t pairs[] = {{"OneDrive-Path", path}, {"OneDrive-Error", reason}};
+    const tirval_l_pairs_t info = {2, pairs};
+    return tirval_error_put(tirval_gfs_ftp_response_error_construct(
+        nullptr, tirval_onedrive_error_construct(nullptr, nullptr, &info), 550, "PERMISSION_DENIED",
+        nullptr));
+}
+
 extern "C" tirval_result_t tirval_i_onedrive_answer_error(const char *source, const char *function,
                                                           int line, const char *message)
 {

@@ -12,7 +12,6 @@ const char tirval_l_onedrive_my_files[] = "/My files";
 const char tirval_l_onedrive_shared_libraries[] = "/Shared libraries";
 const char tirval_l_onedrive_shared[] = "/Shared";
 
-const char tirval_l_onedrive_invalid_write[] = "Invalid path for a write operation.";
 const char tirval_l_onedrive_shared_root_write[] = "Can not write to the root of /Shared.";
 
 /* A client path's pieces, and what is asked of the item. */
@@ -97,15 +96,6 @@ tirval_result_t tirval_onedrive_split_path(const char *vfs_path, const char **ba
 
 /* ---- URIs ------------------------------------------------------------------------------------ */
 
-static tirval_result_t tirval_l_onedrive_refuse(const char *path, const char *reason)
-{
-    tirval_dsi_rest_key_value_t pairs[] = {{"OneDrive-Path", path}, {"OneDrive-Error", reason}};
-    const tirval_dsi_rest_key_array_t info = {2, pairs};
-    return tirval_error_put(tirval_gfs_ftp_response_error_construct(
-        nullptr, tirval_onedrive_error_construct(nullptr, nullptr, &info), 550, "PERMISSION_DENIED",
-        nullptr));
-}
-
 /* Hands a formatted URI out. */
 static tirval_result_t tirval_l_onedrive_give(char *uri, char **uri_out)
 {
@@ -139,7 +129,7 @@ static tirval_result_t tirval_l_onedrive_my_files_uri(const tirval_l_onedrive_it
                                                       char **uri_out)
 {
     if (item.below == nullptr && item.sub == nullptr && item.is_write) {
-        return tirval_l_onedrive_refuse(item.path, tirval_l_onedrive_invalid_write);
+        return tirval_i_onedrive_write_refusal(item.path, TIRVAL_ONEDRIVE_INVALID_WRITE);
     }
     return tirval_l_onedrive_item_uri(item, "/v1.0/me/drive/root", "", uri_out);
 }
@@ -162,7 +152,7 @@ static tirval_result_t tirval_l_onedrive_shared_uri(const tirval_l_onedrive_item
 {
     const bool creates_child = item.sub != nullptr && std::strcmp(item.sub, "/children") == 0;
     if (item.is_write && (item.lib == nullptr || (item.below == nullptr && !creates_child))) {
-        return tirval_l_onedrive_refuse(item.path, tirval_l_onedrive_shared_root_write);
+        return tirval_i_onedrive_write_refusal(item.path, tirval_l_onedrive_shared_root_write);
     }
     if (item.lib == nullptr) {
         return tirval_l_onedrive_give(tirval_common_create_string("%s/v1.0/me/drive/sharedWithMe",
@@ -191,7 +181,7 @@ static tirval_result_t tirval_l_onedrive_site_uri(const tirval_l_onedrive_item_t
         return result;
     }
     if (item.is_write) {
-        return tirval_l_onedrive_refuse(item.path, tirval_l_onedrive_invalid_write);
+        return tirval_i_onedrive_write_refusal(item.path, TIRVAL_ONEDRIVE_INVALID_WRITE);
     }
     return tirval_l_onedrive_give(tirval_common_create_string("%s/v1.0/sites/%s/drives",
                                                               tirval_i_onedrive_graph_url,
@@ -210,7 +200,7 @@ static tirval_result_t tirval_l_onedrive_library_uri(const tirval_l_onedrive_ite
         return result;
     }
     if (item.sub == nullptr && item.is_write) {
-        return tirval_l_onedrive_refuse(item.path, tirval_l_onedrive_invalid_write);
+        return tirval_i_onedrive_write_refusal(item.path, TIRVAL_ONEDRIVE_INVALID_WRITE);
     }
     const tirval_i_onedrive_text_t root(
         tirval_common_create_string("/v1.0/drives/%s/root", drive_info->id));
@@ -228,7 +218,7 @@ static tirval_result_t tirval_l_onedrive_libraries_uri(const tirval_l_onedrive_i
                                      : tirval_l_onedrive_library_uri(item, uri_out);
     }
     if (item.is_write) {
-        return tirval_l_onedrive_refuse(item.path, tirval_l_onedrive_invalid_write);
+        return tirval_i_onedrive_write_refusal(item.path, TIRVAL_ONEDRIVE_INVALID_WRITE);
     }
     return tirval_l_onedrive_give(
         tirval_common_create_string("%s/v1.0/me/followedSites", tirval_i_onedrive_graph_url),
@@ -248,7 +238,7 @@ tirval_result_t tirval_onedrive_path_to_uri(tirval_onedrive_handle_t *handle, co
     item.lib.reset(lib);
     item.drive.reset(drive);
     if (base == nullptr) {
-        return tirval_l_onedrive_refuse(path, tirval_l_onedrive_invalid_write);
+        return tirval_i_onedrive_write_refusal(path, TIRVAL_ONEDRIVE_INVALID_WRITE);
     }
     item.below.reset(tirval_url_string_hex_encode(below, " #"));
     if (below != nullptr && item.below == nullptr) {

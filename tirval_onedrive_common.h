@@ -144,6 +144,12 @@ TIRVAL_API tirval_result_t tirval_i_onedrive_system_error(const char *call);
 /* The same for malloc: also what a lookup or an answer that is missing is reported as. */
 TIRVAL_API tirval_result_t tirval_i_onedrive_malloc_error(void);
 
+/* 553 with a tag ("NOT_A_DIRECTORY", "PATH_EXISTS", ...) and the path in the reply's text, put. */
+TIRVAL_API tirval_result_t tirval_i_onedrive_path_error(const char *tag, const char *path);
+/* 550 PERMISSION_DENIED, whose cause tells the path and why it cannot be written, put. */
+TIRVAL_API tirval_result_t tirval_i_onedrive_write_refusal(const char *path, const char *reason);
+#define TIRVAL_ONEDRIVE_INVALID_WRITE "Invalid path for a write operation."
+
 /* A generic error about what the service answered, put.  It says where it was made: `source` (the
  * source's name without its ending) and `function` are borrowed for good. */
 TIRVAL_API tirval_result_t tirval_i_onedrive_answer_error(const char *source, const char *function,
@@ -458,12 +464,76 @@ TIRVAL_API tirval_result_t tirval_onedrive_stat_entry(tirval_onedrive_handle_t *
                                                       const char *base_path,
                                                       const tirval_onedrive_path_info_t *entry,
                                                       void *callback_arg);
+/* The command entry: renews the token and calls the command's handler.  Each handler answers the
+ * host once, on the calling thread; `user_arg` is the session's handle. */
 TIRVAL_API void tirval_i_onedrive_command(tirval_gfs_operation_t op,
                                           tirval_gfs_command_info_t *cmd_info, void *user_arg);
+/* Makes a folder.  One that is there already is success. */
+TIRVAL_API void tirval_i_onedrive_mkdir(tirval_gfs_operation_t op, tirval_gfs_command_info_t *info,
+                                        void *user_arg);
+/* Deletes an item, a folder with all that is in it. */
+TIRVAL_API void tirval_i_onedrive_delete(tirval_gfs_operation_t op, tirval_gfs_command_info_t *info,
+                                         void *user_arg);
+/* Deletes the item at the command's path.  `path_info`, its record in the cache, is gone once the
+ * request has been sent, whatever became of it. */
+TIRVAL_API tirval_result_t tirval_i_onedrive_delete_object(tirval_onedrive_handle_t *handle,
+                                                           tirval_onedrive_path_info_t *path_info,
+                                                           tirval_gfs_command_info_t *info);
+/* Gives an item the new path's name.  It stays in its folder at the service, even when the new path
+ * lies in another. */
+TIRVAL_API void tirval_i_onedrive_rename(tirval_gfs_operation_t op, tirval_gfs_command_info_t *info,
+                                         void *user_arg);
+
+/* A checksum that is being computed from a download. */
+typedef struct tirval_i_onedrive_cksm_state_s {
+    tirval_gfs_operation_t op;
+    int32_t response_freq; /* seconds between two progress reports */
+    int32_t response_due;  /* when the next one is due, seconds since the epoch; 0: never */
+    tirval_off_t total_bytes;
+    tirval_gfs_checksum_t ctx;
+} tirval_i_onedrive_cksm_state_t;
+
+/* Answers a checksum: the stored one of the whole file, or one computed from a download.  A positive
+ * length is computed over and over, until a download fails. */
+TIRVAL_API void tirval_i_onedrive_cksm(tirval_gfs_operation_t op, tirval_gfs_command_info_t *info,
+                                       void *user_arg);
+/* Takes a block of the download; the argument is the tirval_i_onedrive_cksm_state_t. */
+TIRVAL_API tirval_result_t tirval_i_onedrive_cksm_cb(void *callback_arg, void *buffer,
+                                                     size_t buffer_length);
 TIRVAL_API void tirval_i_onedrive_send(tirval_gfs_operation_t op,
                                        tirval_gfs_transfer_info_t *transfer_info, void *user_arg);
 TIRVAL_API void tirval_i_onedrive_recv(tirval_gfs_operation_t op,
                                        tirval_gfs_transfer_info_t *transfer_info, void *user_arg);
+
+/*
+ * Changes an item's modification time, its name, or both.
+ *
+ * modtime    as Graph writes times, "2021-03-04T05:06:07Z"; null: stays
+ * name       a bare name; null: stays
+ * entry_out  zeroed; filled from the item's new description.  The caller frees its texts, also
+ *            after a failure.  Null: not wanted
+ */
+TIRVAL_API tirval_result_t tirval_i_onedrive_update_metadata(tirval_onedrive_handle_t *handle,
+                                                             const char *path, const char *modtime,
+                                                             const char *name,
+                                                             tirval_onedrive_path_info_t *entry_out);
+
+/*
+ * Stores a file with one request: its content, then the modification time that the client gave.
+ * `parent` is the record of the folder that is to hold it.  Does not finish the transfer.
+ */
+TIRVAL_API tirval_result_t tirval_i_onedrive_recv_simple(tirval_gfs_operation_t op,
+                                                         tirval_gfs_transfer_info_t *info,
+                                                         tirval_onedrive_handle_t *handle,
+                                                         tirval_onedrive_path_info_t *parent);
+/*
+ * Stores a file in parts, through a new upload session, or the path's earlier one when the transfer
+ * does not truncate.  The session's record stays in the table until all parts are stored.
+ */
+TIRVAL_API tirval_result_t tirval_i_onedrive_recv_chunked(tirval_gfs_operation_t op,
+                                                          tirval_gfs_transfer_info_t *info,
+                                                          tirval_onedrive_handle_t *handle,
+                                                          tirval_onedrive_path_info_t *parent);
 
 /* ---- Upload sessions and upload state -------------------------------------------------------- */
 
@@ -503,6 +573,24 @@ tirval_onedrive_upload_state_query(tirval_hashtable_t *cache, const char *path);
 TIRVAL_API tirval_result_t tirval_onedrive_upload_state_remove(tirval_hashtable_t *cache,
                                                                const char *path);
 TIRVAL_API void tirval_onedrive_upload_session_free(tirval_onedrive_upload_session_t *upload);
+/* Takes "uploadUrl" and "expirationDateTime" of Graph's uploadSession resource into the record; a
+ * member that is missing leaves its field as it was.  Always success. */
+TIRVAL_API tirval_result_t
+tirval_onedrive_upload_session_parse(json_t *json, tirval_onedrive_upload_session_t *info);
+/* Makes an upload session for the transfer's path at Graph, and its record in the session's table.
+ * `*upload` belongs to the table. */
+TIRVAL_API tirval_result_t tirval_i_onedrive_create_upload_session(
+    tirval_onedrive_handle_t *handle, tirval_gfs_operation_t op, tirval_gfs_transfer_info_t *info,
+    tirval_onedrive_path_info_t *parent, tirval_onedrive_upload_session_t **upload);
+/*
+ * Sends the parts from the client's restart offset on, and enters the finished item into the cache.
+ * An offset behind the last part gives 0xFFFFFFFF, which names no error object.
+ */
+TIRVAL_API tirval_result_t tirval_i_onedrive_upload_parts(tirval_gfs_operation_t op,
+                                                          tirval_onedrive_handle_t *handle,
+                                                          tirval_gfs_transfer_info_t *info,
+                                                          tirval_onedrive_path_info_t *parent,
+                                                          tirval_onedrive_upload_session_t *upload);
 
 /* The upload-state file: native byte order; cut at the start of part_array. */
 struct tirval_onedrive_upload_state_shared_s {

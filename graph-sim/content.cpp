@@ -184,12 +184,18 @@ std::string content::quick_xor_text() const
     return base64(running.digest());
 }
 
-const hash_set &content::hashes(std::uint64_t limit) const
+hash_set content::hashes(std::uint64_t limit, bool all) const
 {
-    std::call_once(hashed_, [this, limit] {
-        if (size_ <= limit || period() != 0) {
-            hashes_.quick_xor = quick_xor_text();
+    std::call_once(quick_xor_computed_, [this, limit] {
+        quick_xor_ = known_quick_xor();
+        if (!quick_xor_ && (size_ <= limit || period() != 0)) {
+            quick_xor_ = quick_xor_text();
         }
+    });
+    if (!all) {
+        return {quick_xor_, std::nullopt, std::nullopt};
+    }
+    std::call_once(sha_computed_, [this, limit] {
         if (size_ <= limit) {
             digest sha1("SHA1");
             digest sha256("SHA256");
@@ -197,18 +203,21 @@ const hash_set &content::hashes(std::uint64_t limit) const
                 sha1.update(bytes);
                 sha256.update(bytes);
             });
-            hashes_.sha1 = upper_hex(bytes_of(sha1.finish()));
-            hashes_.sha256 = upper_hex(bytes_of(sha256.finish()));
+            sha1_ = upper_hex(bytes_of(sha1.finish()));
+            sha256_ = upper_hex(bytes_of(sha256.finish()));
         }
     });
-    return hashes_;
+    return {quick_xor_, sha1_, sha256_};
 }
 
-std::string content::sha256_hex() const
+const std::string &content::sha256_hex() const
 {
-    digest running("SHA256");
-    feed(0, size_, [&running](byte_view bytes) { running.update(bytes); });
-    return hex(bytes_of(running.finish()));
+    std::call_once(digest_computed_, [this] {
+        digest running("SHA256");
+        feed(0, size_, [&running](byte_view bytes) { running.update(bytes); });
+        digest_ = hex(bytes_of(running.finish()));
+    });
+    return digest_;
 }
 
 content_ptr text_content(std::string text)

@@ -29,24 +29,32 @@ class content {
                                          std::vector<unsigned char> &scratch) const = 0;
 
     // The hashes, computed at the first call and kept.  Those that would take reading more than
-    // `limit` bytes are left out; the QuickXorHash of periodic content costs nothing at any size.
-    [[nodiscard]] const hash_set &hashes(std::uint64_t limit) const;
+    // `limit` bytes are left out; the QuickXorHash of periodic and of received content costs
+    // nothing at any size.  Without `all` the SHA digests may be left out, too.
+    [[nodiscard]] hash_set hashes(std::uint64_t limit, bool all = true) const;
 
-    // SHA-256 in lower-case hex, always over all bytes.
-    [[nodiscard]] std::string sha256_hex() const;
+    // SHA-256 in lower-case hex, always over all bytes; kept once it has been computed.
+    [[nodiscard]] const std::string &sha256_hex() const;
 
   protected:
     explicit content(std::uint64_t size) : size_(size) {}
     // The number of bytes after which the content repeats; 0 when it does not.
     [[nodiscard]] virtual std::uint64_t period() const { return 0; }
+    // The QuickXorHash in base64 where it is known without reading.
+    [[nodiscard]] virtual std::optional<std::string> known_quick_xor() const { return {}; }
 
   private:
     [[nodiscard]] std::string quick_xor_text() const;
     template <class Take> void feed(std::uint64_t first, std::uint64_t end, const Take &take) const;
 
     std::uint64_t size_;
-    mutable std::once_flag hashed_;
-    mutable hash_set hashes_;
+    mutable std::once_flag quick_xor_computed_;
+    mutable std::optional<std::string> quick_xor_;
+    mutable std::once_flag sha_computed_;
+    mutable std::optional<std::string> sha1_;
+    mutable std::optional<std::string> sha256_;
+    mutable std::once_flag digest_computed_;
+    mutable std::string digest_;
 };
 
 using content_ptr = std::shared_ptr<const content>;

@@ -1,6 +1,7 @@
 // Answering the control paths.
 #include "control.h"
 
+#include "names.h"
 #include "seed.h"
 
 #include <algorithm>
@@ -96,6 +97,7 @@ response put_item(drive &home, const std::string &path, const json &described,
         json named = described;
         named.set("name", name);
         add_seeded_item(home, *parent, named.get(), place, ".");
+        home.child_changed(*parent, wall_clock());
         return done();
     }
     object_reader reader(described.get(), place);
@@ -109,12 +111,25 @@ response put_item(drive &home, const std::string &path, const json &described,
     return done();
 }
 
+void move_item(drive &home, item &moved, const std::string &path, const object_reader &reader)
+{
+    std::vector<std::string> parts = path_parts(path);
+    const std::string name = parts.empty() ? "" : parts.back();
+    parts.resize(parts.empty() ? 0 : parts.size() - 1);
+    item *parent = drive::resolve(home.root(), parts);
+    if (parent == nullptr || !is_legal_name(name) ||
+        !home.move(moved, *parent, name, wall_clock())) {
+        reader.fail("move_to", "is not a place that the item can take");
+    }
+}
+
 } // namespace
 
 control::control(std::mutex &mutex, world &all, token_store &tokens, settings &options,
-                 download_links &links, fault_set &faults, recorder &requests)
+                 download_links &links, fault_set &faults, recorder &requests,
+                 upload_session_store &sessions)
     : mutex_(mutex), all_(all), tokens_(tokens), options_(options), links_(links), faults_(faults),
-      requests_(requests)
+      requests_(requests), sessions_(sessions)
 {
 }
 
@@ -132,6 +147,8 @@ response control::answer(const request &got)
         entry{"faults", "POST", &control::add_faults},
         entry{"faults", "DELETE", &control::clear_faults},
         entry{"file", "GET", &control::show_file},
+        entry{"uploads", "GET", &control::show_uploads},
+        entry{"uploads", "DELETE", &control::expire_uploads},
         entry{"items", "POST", &control::change_item},
         entry{"throttle", "POST", &control::change_throttle},
         entry{"token", "POST", &control::change_token},
@@ -257,9 +274,11 @@ response control::show_file(const request &got, const json &)
 {
     const auto parameter = [&got](const char *name) { return got.parameter(name).value_or(""); };
     content_ptr data;
+    std::uint64_t hash_limit = 0;
     json body = json::object();
     {
         const std::lock_guard lock(mutex_);
+        hash_limit = options_.hash_limit;
         const item &found = item_at(drive_of(parameter("account"), parameter("drive"),
                                              parameter("site"), parameter("library")),
                                     parameter("path"));
@@ -272,9 +291,31 @@ response control::show_file(const request &got, const json &)
             .set("size", json::integer(found.size))
             .set("modified", iso_time(found.times.client_modified, true));
     }
-    // Outside the lock: the digest of some GiB takes seconds.
-    body.set("sha256", data->sha256_hex());
+    // Outside the lock: the SHA-256 of some GiB takes seconds when it is asked for first.
+    if (const auto quick_xor = data->hashes(hash_limit, false).quick_xor) {
+        body.set("quick_xor", *quick_xor);
+    }
+    if (parameter("digest") != "quick_xor") {
+        body.set("sha256", data->sha256_hex());
+    }
     return told(200, body);
+}
+
+response control::show_uploads(const request &, const json &)
+{
+    const std::lock_guard lock(mutex_);
+    json body = json::object();
+    body.set("sessions", sessions_.list(wall_clock()))
+        .set("in_memory", json::integer(sessions_.blocks()->in_memory()))
+        .set("in_file", json::integer(sessions_.blocks()->in_file()));
+    return told(200, body);
+}
+
+response control::expire_uploads(const request &, const json &)
+{
+    const std::lock_guard lock(mutex_);
+    sessions_.clear();
+    return done();
 }
 
 response control::change_item(const request &, const json &body)
@@ -286,14 +327,21 @@ response control::change_item(const request &, const json &body)
     const bool removed = reader.boolean("remove").value_or(false);
     const auto new_path = reader.text("move_to");
     const json_t *described = reader.any("item");
+    const auto locked = reader.boolean("locked");
     reader.finish();
-    if ((removed ? 1 : 0) + (new_path ? 1 : 0) + (described != nullptr ? 1 : 0) != 1) {
-        reader.fail(R"(needs one of "item", "remove" and "move_to")");
+    if ((removed ? 1 : 0) + (new_path ? 1 : 0) + (described != nullptr ? 1 : 0) +
+            (locked ? 1 : 0) !=
+        1) {
+        reader.fail(R"(needs one of "item", "remove", "move_to" and "locked")");
     }
     if (described != nullptr) {
         return put_item(home, path, json::share(described), reader.place_of("item"));
     }
     item &found = item_at(home, path);
+    if (locked) {
+        found.locked = *locked;
+        return done();
+    }
     if (found.parent == nullptr) {
         reader.fail("path", "is the root, which stays where it is");
     }
@@ -301,14 +349,7 @@ response control::change_item(const request &, const json &body)
         home.remove(found, wall_clock());
         return done();
     }
-    std::vector<std::string> parts = path_parts(*new_path);
-    const std::string name = parts.empty() ? "" : parts.back();
-    parts.resize(parts.empty() ? 0 : parts.size() - 1);
-    item *parent = drive::resolve(home.root(), parts);
-    if (parent == nullptr || !is_legal_name(name) ||
-        !home.move(found, *parent, name, wall_clock())) {
-        reader.fail("move_to", "is not a place that the item can take");
-    }
+    move_item(home, found, *new_path, reader);
     return done();
 }
 

@@ -7,6 +7,7 @@
 #include "recorder.h"
 #include "settings.h"
 #include "tokens.h"
+#include "upload_sessions.h"
 #include "world.h"
 
 #include <mutex>
@@ -21,7 +22,8 @@ inline constexpr std::string_view control_prefix = "/__sim/";
 class control {
   public:
     control(std::mutex &mutex, world &all, token_store &tokens, settings &options,
-            download_links &links, fault_set &faults, recorder &requests);
+            download_links &links, fault_set &faults, recorder &requests,
+            upload_session_store &sessions);
 
     // Never throws: what is wrong with a request comes back as 400, 404 or 405 and a JSON text.
     response answer(const request &got);
@@ -36,6 +38,8 @@ class control {
     response add_faults(const request &got, const json &body);
     response clear_faults(const request &got, const json &body);
     response show_file(const request &got, const json &body);
+    response show_uploads(const request &got, const json &body);
+    response expire_uploads(const request &got, const json &body);
     response change_item(const request &got, const json &body);
     response change_throttle(const request &got, const json &body);
     response change_token(const request &got, const json &body);
@@ -56,6 +60,7 @@ class control {
     download_links &links_;
     fault_set &faults_;
     recorder &requests_;
+    upload_session_store &sessions_;
 };
 
 } // namespace graph_sim

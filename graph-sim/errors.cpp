@@ -40,6 +40,7 @@ constexpr std::array usual_errors{
     usual_error{404, "itemNotFound", "The resource could not be found.", ""},
     usual_error{409, "nameAlreadyExists", "The specified item name already exists.", ""},
     usual_error{412, "resourceModified", "ETag does not match current item's value", ""},
+    usual_error{415, "invalidRequest", "Content-Type of the request must be application/json.", ""},
     usual_error{416, "invalidRange", "The requested range is not satisfiable", ""},
     usual_error{423, "notAllowed", "The resource you are attempting to access is locked",
                 "resourceLocked"},
@@ -64,6 +65,14 @@ response json_response(unsigned status, const json &body, const request &got, bo
                                       "true;IEEE754Compatible=false;charset=utf-8");
     reply.headers.add("OData-Version", "4.0");
     reply.headers.add("Vary", "Accept-Encoding");
+    add_gateway_headers(reply, got);
+    return reply;
+}
+
+response no_content(const request &got)
+{
+    response reply;
+    reply.status = 204;
     add_gateway_headers(reply, got);
     return reply;
 }

@@ -21,4 +21,7 @@ std::string html_page(unsigned status);
 // A JSON answer with the headers of the service.
 response json_response(unsigned status, const json &body, const request &got, bool chunked);
 
+// 204 with the headers of the service.
+response no_content(const request &got);
+
 } // namespace graph_sim

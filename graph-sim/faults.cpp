@@ -201,8 +201,19 @@ damage read_damage(object_reader &reader)
     return found->kind;
 }
 
+void read_receipt(object_reader &reader, delivery &how)
+{
+    how.reset_after_received = read_count(reader, "reset_after_received");
+    how.stall_after_received = read_count(reader, "stall_after_received");
+    how.answer_after_received = read_count(reader, "answer_after_received");
+    if (const auto rate = reader.integer("receive_bytes_per_second", 1, unlimited)) {
+        how.receive_bytes_per_second = static_cast<std::uint64_t>(*rate);
+    }
+}
+
 void read_delivery(object_reader &reader, delivery &how)
 {
+    read_receipt(reader, how);
     how.delay = std::chrono::milliseconds(reader.integer("delay_ms", 0, 3'600'000).value_or(0));
     how.drop = reader.boolean("drop").value_or(false);
     how.reset = reader.boolean("reset").value_or(false);
@@ -234,6 +245,9 @@ std::shared_ptr<const fault_action> read_action(object_reader reader)
     action->ignore_range = reader.boolean("ignore_range").value_or(false);
     action->length_change = reader.integer("length_change", -unlimited, unlimited).value_or(0);
     read_delivery(reader, action->how);
+    if (action->how.answer_after_received && !action->replaces()) {
+        reader.fail("answer_after_received", "needs a status, and the request is not carried out");
+    }
     reader.finish();
     return action;
 }

@@ -1,21 +1,19 @@
 // Answering Graph requests.
 #include "graph_api.h"
 
+#include "delta.h"
 #include "errors.h"
 #include "pages.h"
+#include "upload_sessions.h"
+#include "uploads.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
 namespace graph_sim {
 
 namespace {
-
-[[noreturn]] void not_found(bool personal)
-{
-    throw api_error(404, "itemNotFound",
-                    personal ? "Item does not exist" : "The resource could not be found.");
-}
 
 // Keys of lists without names: positions, so that they sort as they are counted.
 std::string position_key(size_t position)
@@ -50,6 +48,37 @@ json counted_page(const request &got, const settings &options, const fault_actio
     return writer.finish(context);
 }
 
+// The children of a folder in the order that $orderby asks for; equal ones by name.
+std::vector<const item *> sorted_children(const item &folder, const std::string &order)
+{
+    const size_t blank = std::min(order.find(' '), order.size());
+    const std::string_view field = std::string_view(order).substr(0, blank);
+    const std::string_view direction = std::string_view(order).substr(blank);
+    const bool known = field == "name" || field == "size" || field == "lastModifiedDateTime";
+    if (!known || (direction != "" && direction != " asc" && direction != " desc")) {
+        throw api_error(400, "invalidRequest", "The $orderby query option is not supported.",
+                        "invalidQueryOption");
+    }
+    std::vector<const item *> sorted;
+    sorted.reserve(folder.children.size());
+    for (const auto &[key, child] : folder.children) {
+        sorted.push_back(child); // by name already
+    }
+    if (direction == " desc") {
+        std::ranges::reverse(sorted);
+    }
+    const auto earlier = [&](const item *a, const item *b) {
+        const item *const first = direction == " desc" ? b : a;
+        const item *const second = direction == " desc" ? a : b;
+        return field == "size" ? first->size < second->size
+                               : first->times.modified < second->times.modified;
+    };
+    if (field != "name") {
+        std::ranges::stable_sort(sorted, earlier);
+    }
+    return sorted;
+}
+
 response empty_response(unsigned status)
 {
     response reply;
@@ -61,9 +90,10 @@ response empty_response(unsigned status)
 
 graph_api::graph_api(world &all, const download_links &links, const settings &options,
                      const request &got, account &who, const fault_action *fault,
-                     const std::string &download_origin)
-    : all_(all), options_(options), got_(got), who_(who),
-      fault_(fault), context_{links, options, download_origin, wall_clock()}
+                     const std::string &download_origin, upload_session_store &sessions)
+    : all_(all), options_(options), got_(got), who_(who), fault_(fault),
+      where_(all, who), context_{links, options, download_origin, wall_clock()},
+      writing_{all, options, got, who, context_, sessions}
 {
 }
 
@@ -81,109 +111,47 @@ response graph_api::ok(const json &body, const std::string &context) const
     return json_response(200, whole, got_, options_.chunked_json);
 }
 
-account &graph_api::owner_of(const drive_address &address) const
-{
-    if (address.how != drive_address::by::user) {
-        return who_;
-    }
-    account *user = all_.find_user(address.value);
-    if (user == nullptr) {
-        throw api_error(404, "Request_ResourceNotFound",
-                        "Resource '" + address.value + "' does not exist.");
-    }
-    return *user;
-}
-
-site &graph_api::site_of(const drive_address &address) const
-{
-    if (is_personal(who_.kind)) {
-        throw api_error(400, "BadRequest", "This API is not supported for MSA accounts");
-    }
-    const size_t colon = address.value.find(':');
-    site *found = colon == std::string::npos
-                      ? all_.find_site(address.value)
-                      : all_.find_site_by_address(address.value.substr(0, colon),
-                                                  address.value.substr(colon + 1));
-    if (found == nullptr) {
-        throw api_error(404, "itemNotFound", "Requested site could not be found");
-    }
-    if (!world::may_read(who_, *found)) {
-        throw api_error(403, "accessDenied", "Access denied");
-    }
-    return *found;
-}
-
-drive &graph_api::drive_of(const drive_address &address) const
-{
-    switch (address.how) {
-    case drive_address::by::id: {
-        drive *found = all_.find_drive(address.value);
-        if (found == nullptr) {
-            not_found(is_personal(who_.kind));
-        }
-        return *found;
-    }
-    case drive_address::by::site: {
-        const site &home = site_of(address);
-        if (home.libraries.empty()) {
-            not_found(false);
-        }
-        return *home.libraries.front();
-    }
-    case drive_address::by::me:
-    case drive_address::by::user:
-        break;
-    }
-    drive *own = owner_of(address).own;
-    if (own == nullptr) {
-        throw api_error(404, "ResourceNotFound", "User's mysite not found.");
-    }
-    return *own;
-}
-
-graph_api::located graph_api::find(const route &asked) const
-{
-    drive &home = drive_of(asked.drive);
-    const bool personal = is_personal(home.kind());
-    const world::access access = all_.access_to(who_, home);
-    if (access == world::access::none) {
-        throw api_error(403, "accessDenied", "Access denied");
-    }
-    if (asked.item.by_path && asked.item.path.empty() && !personal && asked.item.id == "root") {
-        throw api_error(400, "invalidRequest", "One of the provided arguments is not acceptable.");
-    }
-    item *start = home.find(asked.item.id);
-    // Of another owner's drive only what is shared can be seen, and what lies below it.
-    if (start == nullptr ||
-        (access == world::access::shared_items_only && !world::is_shared_with(who_, *start))) {
-        not_found(personal);
-    }
-    item *found = drive::resolve(*start, asked.item.path);
-    if (found == nullptr) {
-        not_found(personal);
-    }
-    return {&home, found};
-}
-
 bool graph_api::unchanged(const item &what, flavour kind) const
 {
     const std::string *tag = got_.headers.find("If-None-Match");
     return tag != nullptr && (*tag == what.etag(kind) || *tag == what.ctag(kind));
 }
 
+// An item, with what is in it where $expand asks for that.
+json graph_api::shown_item(const drive &home, const item &shown, const field_set &wanted) const
+{
+    json made = item_resource(home, shown, wanted, context_);
+    if (!shown.folder || got_.parameter("$expand") != "children") {
+        return made;
+    }
+    json children = json::array();
+    for (const auto &[key, child] : shown.children) {
+        if (json_array_size(children.get()) == options_.default_page) {
+            made.set("children@odata.nextLink",
+                     got_.origin + "/v1.0/drives/" + percent_encode(home.id()) + "/items/" +
+                         percent_encode(shown.id) + "/children?$skiptoken=" +
+                         percent_encode(skip_token(std::prev(shown.children.find(key))->first)));
+            break;
+        }
+        children.append(item_resource(home, *child, field_set(), context_));
+    }
+    made.set("children", children);
+    return made;
+}
+
 response graph_api::show_item(const route &asked) const
 {
-    const auto [home, what] = find(asked);
+    const auto [home, what] = where_.find(asked);
     if (unchanged(*what, home->kind())) {
         return empty_response(304);
     }
-    return ok(item_resource(*home, *what, fields(), context_),
+    return ok(shown_item(*home, *what, fields()),
               "drives('" + percent_encode(home->id()) + "')/items/$entity");
 }
 
 response graph_api::redirect(const route &asked) const
 {
-    const auto [home, what] = find(asked);
+    const auto [home, what] = where_.find(asked);
     const bool package = json_object_get(what->extra.get(), "package") != nullptr;
     if (what->folder || package) {
         throw api_error(404, "itemNotFound",
@@ -201,13 +169,23 @@ response graph_api::redirect(const route &asked) const
 
 response graph_api::list_children(const route &asked) const
 {
-    const auto [home, folder] = find(asked);
+    const auto [home, folder] = where_.find(asked);
     if (unchanged(*folder, home->kind())) {
         return empty_response(304);
     }
+    const std::string context = got_.origin + "/v1.0/$metadata#drives('" +
+                                percent_encode(home->id()) + "')/items('" +
+                                percent_encode(folder->id) + "')/children";
+    const field_set wanted = fields();
+    if (const auto order = got_.parameter("$orderby")) {
+        const std::vector<const item *> sorted = sorted_children(*folder, *order);
+        const json body =
+            counted_page(got_, options_, fault_, sorted.size(), context,
+                         [&](size_t i) { return shown_item(*home, *sorted[i], wanted); });
+        return json_response(200, body, got_, options_.chunked_json);
+    }
     const page_request page(got_, options_, fault_);
     page_writer writer(got_, page, fault_);
-    const field_set wanted = fields();
     const auto &children = folder->children;
     for (auto at = page.after ? children.upper_bound(*page.after) : children.begin();
          at != children.end(); ++at) {
@@ -215,28 +193,15 @@ response graph_api::list_children(const route &asked) const
             writer.more();
             break;
         }
-        writer.add(at->first, item_resource(*home, *at->second, wanted, context_));
+        writer.add(at->first, shown_item(*home, *at->second, wanted));
     }
-    const std::string context = got_.origin + "/v1.0/$metadata#drives('" +
-                                percent_encode(home->id()) + "')/items('" +
-                                percent_encode(folder->id) + "')/children";
     return json_response(200, writer.finish(context), got_, options_.chunked_json);
 }
 
-// No history is kept: a client may ask where "now" is, and every other token is too old.
 response graph_api::list_changes(const route &asked) const
 {
-    const auto [home, folder] = find(asked);
-    if (got_.parameter("token").value_or("") != "latest") {
-        throw api_error(410, "resyncRequired", "Resync required");
-    }
-    const std::string here =
-        "/drives/" + percent_encode(home->id()) + "/items/" + percent_encode(folder->id) + "/delta";
-    json body = json::object();
-    body.set("@odata.context", got_.origin + "/v1.0/$metadata#Collection(driveItem)")
-        .set("@odata.deltaLink", got_.origin + "/v1.0" + here + "?token=now")
-        .set("value", json::array());
-    return json_response(200, body, got_, options_.chunked_json);
+    const auto [home, folder] = where_.find(asked);
+    return answer_delta(got_, options_, fault_, *home, *folder, fields(), context_);
 }
 
 response graph_api::list_shared() const
@@ -282,16 +247,16 @@ response graph_api::answer(const route &asked)
 {
     switch (asked.kind) {
     case request_kind::me:
-        return ok(account_resource(owner_of(asked.drive)), "users/$entity");
+        return ok(account_resource(where_.owner_of(asked.drive)), "users/$entity");
     case request_kind::drives: {
-        drive &own = drive_of(asked.drive);
+        drive &own = where_.drive_of(asked.drive);
         if (all_.access_to(who_, own) != world::access::full) {
             throw api_error(403, "accessDenied", "Access denied");
         }
         return list_drives({&own}, "drives");
     }
     case request_kind::drive: {
-        drive &shown = drive_of(asked.drive);
+        drive &shown = where_.drive_of(asked.drive);
         if (all_.access_to(who_, shown) == world::access::none) {
             throw api_error(403, "accessDenied", "Access denied");
         }
@@ -310,9 +275,19 @@ response graph_api::answer(const route &asked)
     case request_kind::sites:
         return list_sites();
     case request_kind::site:
-        return ok(site_resource(site_of(asked.drive), fields()), "sites/$entity");
+        return ok(site_resource(where_.site_of(asked.drive), fields()), "sites/$entity");
     case request_kind::libraries:
-        return list_drives(site_of(asked.drive).libraries, "drives");
+        return list_drives(where_.site_of(asked.drive).libraries, "drives");
+    case request_kind::create:
+        return create_folder(writing_, asked);
+    case request_kind::update:
+        return update_item(writing_, asked);
+    case request_kind::remove:
+        return delete_item(writing_, asked);
+    case request_kind::upload:
+        return put_content(writing_, asked);
+    case request_kind::upload_session:
+        return create_upload_session(writing_, asked);
     default:
         throw api_error(501, "notSupported", "Operation not supported");
     }

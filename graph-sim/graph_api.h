@@ -1,9 +1,11 @@
-// The answers to requests below /v1.0: who may see what, items, lists and content redirects.
+// The answers to requests below /v1.0: items, lists and content redirects, and the way to changes.
 #pragma once
 
+#include "changes.h"
 #include "download_links.h"
 #include "faults.h"
 #include "http.h"
+#include "locator.h"
 #include "resources.h"
 #include "routing.h"
 #include "settings.h"
@@ -16,22 +18,18 @@ class graph_api {
   public:
     // All borrowed.  `fault` changes lists and may be null.
     graph_api(world &all, const download_links &links, const settings &options, const request &got,
-              account &who, const fault_action *fault, const std::string &download_origin);
+              account &who, const fault_action *fault, const std::string &download_origin,
+              upload_session_store &sessions);
+    // What is carried out refers to members of this object.
+    graph_api(const graph_api &) = delete;
+    graph_api &operator=(const graph_api &) = delete;
 
     // Throws api_error for everything that the service refuses.
     response answer(const route &asked);
 
   private:
-    struct located {
-        drive *home;
-        item *what;
-    };
-
-    account &owner_of(const drive_address &address) const;
-    site &site_of(const drive_address &address) const;
-    drive &drive_of(const drive_address &address) const;
-    located find(const route &asked) const;
-
+    [[nodiscard]] json shown_item(const drive &home, const item &shown,
+                                  const field_set &wanted) const;
     response show_item(const route &asked) const;
     response redirect(const route &asked) const;
     response list_children(const route &asked) const;
@@ -48,7 +46,9 @@ class graph_api {
     const request &got_;
     account &who_;
     const fault_action *fault_;
+    locator where_;
     resource_context context_;
+    write_context writing_;
 };
 
 // The answer to a GET of a pre-authenticated address, which knows no accounts.

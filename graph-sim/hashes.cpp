@@ -6,22 +6,50 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 namespace graph_sim {
 
+void quick_xor::mix(size_t lane, byte_view bytes)
+{
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        lanes_[lane + i] ^= bytes[i];
+    }
+}
+
+// Whole cycles by words that the compiler keeps in vector registers.
+byte_view quick_xor::mix_cycles(byte_view bytes)
+{
+    std::array<std::uint64_t, cycle / 8> words{};
+    std::array<std::uint64_t, cycle / 8> next{};
+    std::memcpy(words.data(), lanes_.data(), cycle);
+    for (; bytes.size() >= cycle; bytes = bytes.subspan(cycle)) {
+        std::memcpy(next.data(), bytes.data(), cycle);
+        for (size_t i = 0; i < words.size(); ++i) {
+            words[i] ^= next[i];
+        }
+    }
+    std::memcpy(lanes_.data(), words.data(), cycle);
+    return bytes;
+}
+
 void quick_xor::update(byte_view bytes)
 {
-    size_t lane = total_ % cycle;
+    const size_t lane = total_ % cycle;
     total_ += bytes.size();
-    while (!bytes.empty()) {
+    if (lane != 0) {
         const size_t count = std::min<size_t>(cycle - lane, bytes.size());
-        for (size_t i = 0; i < count; ++i) {
-            lanes_[lane + i] ^= bytes[i];
-        }
+        mix(lane, bytes.first(count));
         bytes = bytes.subspan(count);
-        lane = 0;
     }
+    mix(0, mix_cycles(bytes));
+}
+
+void quick_xor::append(const quick_xor &next)
+{
+    mix(0, next.lanes_);
+    total_ = next.total_;
 }
 
 std::array<unsigned char, 20> quick_xor::digest() const

@@ -19,12 +19,21 @@ class quick_xor {
   public:
     static constexpr std::uint64_t cycle = 160; // bytes after which the ring position repeats
 
+    quick_xor() = default;
+    // Begins in the middle of the data; for append().
+    explicit quick_xor(std::uint64_t offset) : total_(offset) {}
+
     void update(byte_view bytes);
+    // Adds what was hashed from where this one ends.
+    void append(const quick_xor &next);
     // Passes over data that is known to cancel out; `count` is a multiple of `cycle`.
     void skip(std::uint64_t count) { total_ += count; }
     [[nodiscard]] std::array<unsigned char, 20> digest() const;
 
   private:
+    void mix(size_t lane, byte_view bytes);
+    byte_view mix_cycles(byte_view bytes); // returns the rest
+
     // Bytes `cycle` apart fall on the same bits, so they are XORed together first.
     std::array<unsigned char, cycle> lanes_{};
     std::uint64_t total_ = 0;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 
 namespace graph_sim {
 
@@ -54,6 +55,28 @@ std::optional<std::string> request::parameter(std::string_view name) const
     return std::nullopt;
 }
 
+void bad_argument()
+{
+    throw api_error(400, "invalidRequest", "One of the provided arguments is not acceptable.");
+}
+
+std::optional<std::uint64_t> request::announced_length() const
+{
+    const std::string *text = headers.find("Content-Length");
+    std::uint64_t length = 0;
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    std::from_chars(text->data(), text->data() + text->size(), length);
+    return length;
+}
+
+bool request::is_chunked() const
+{
+    const std::string *coding = headers.find("Transfer-Encoding");
+    return coding != nullptr && to_lower(*coding).find("chunked") != std::string::npos;
+}
+
 std::string_view reason_phrase(unsigned status)
 {
     struct phrase {
@@ -78,6 +101,7 @@ std::string_view reason_phrase(unsigned status)
         phrase{411, "Length Required"},
         phrase{412, "Precondition Failed"},
         phrase{413, "Content Too Large"},
+        phrase{415, "Unsupported Media Type"},
         phrase{416, "Range Not Satisfiable"},
         phrase{423, "Locked"},
         phrase{429, "Too Many Requests"},

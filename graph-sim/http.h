@@ -46,6 +46,7 @@ struct request {
     std::string target; // as it stood in the request line
     header_list headers;
     std::string body;
+    content_ptr data;   // in place of `body`: that of a PUT of content
     std::string origin; // scheme and authority by which the client came, "http://127.0.0.1:80"
     std::string host;   // the authority's host name alone
     std::uint64_t connection = 0;
@@ -58,6 +59,9 @@ struct request {
     [[nodiscard]] std::string_view query() const;
     // The first value of a query parameter, decoded.
     [[nodiscard]] std::optional<std::string> parameter(std::string_view name) const;
+    // The number in Content-Length; null without one.
+    [[nodiscard]] std::optional<std::uint64_t> announced_length() const;
+    [[nodiscard]] bool is_chunked() const;
 };
 
 struct response {
@@ -83,8 +87,14 @@ enum class damage {
     endless_body,        // a chunked body without an end
 };
 
-// How a response goes out.
+// How a request's body is taken in and how the response goes out.
 struct delivery {
+    // After that many bytes of the request's body, and before the rest is read:
+    std::optional<std::uint64_t> reset_after_received;
+    std::optional<std::uint64_t> stall_after_received;
+    std::optional<std::uint64_t> answer_after_received; // and the connection ends
+    std::optional<std::uint64_t> receive_bytes_per_second;
+
     std::chrono::milliseconds delay{};
     bool drop = false;                        // close without an answer
     bool reset = false;                       // reset without an answer
@@ -123,6 +133,9 @@ class api_error : public std::runtime_error {
     std::string code_;
     std::string inner_;
 };
+
+// Throws 400 invalidRequest in its most general words.
+[[noreturn]] void bad_argument();
 
 std::string_view reason_phrase(unsigned status);
 

@@ -1,6 +1,8 @@
 // Taking a directory on disk into a drive.
 #include "seed.h"
 
+#include "names.h"
+
 #include <sys/stat.h>
 
 #include <cstdio>

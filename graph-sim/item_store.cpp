@@ -22,6 +22,7 @@ drive::drive(drive_facts facts) : facts_(std::move(facts))
                        : business_item_id(facts_.id, made->unique);
     }
     items_.emplace(made->id, std::move(made));
+    note(*root_);
 }
 
 item *drive::find(std::string_view id)
@@ -76,6 +77,7 @@ item *drive::add(item &parent, std::unique_ptr<item> made, std::string id)
     items_.emplace(added->id, std::move(made));
     parent.children.emplace(std::move(key), added);
     spread(&parent, static_cast<std::int64_t>(added->size));
+    note(*added);
     return added;
 }
 
@@ -100,6 +102,21 @@ item *drive::add_file(item &parent, std::string name, content_ptr data, const it
     return add(parent, std::move(made), std::move(id));
 }
 
+void drive::note(item &changed)
+{
+    changed_.erase(changed.sequence);
+    changed.sequence = ++last_change_;
+    changed_.emplace(changed.sequence, &changed);
+}
+
+void drive::child_changed(item &folder, timestamp now)
+{
+    folder.times.modified = now;
+    for (item *above = &folder; above != nullptr; above = above->parent) {
+        note(*above);
+    }
+}
+
 void drive::replace_content(item &file, content_ptr data, timestamp now)
 {
     const auto change =
@@ -110,6 +127,7 @@ void drive::replace_content(item &file, content_ptr data, timestamp now)
     ++file.content_count;
     touch(file, now);
     spread(file.parent, change);
+    child_changed(*file.parent, now);
 }
 
 bool drive::move(item &moved, item &new_parent, std::string new_name, timestamp now)
@@ -125,13 +143,23 @@ bool drive::move(item &moved, item &new_parent, std::string new_name, timestamp 
     if (!new_parent.folder || !free || moved.parent == nullptr) {
         return false;
     }
-    moved.parent->children.erase(fold_case(moved.name));
-    spread(moved.parent, -static_cast<std::int64_t>(moved.size));
+    item &old_parent = *moved.parent;
+    old_parent.children.erase(fold_case(moved.name));
+    spread(&old_parent, -static_cast<std::int64_t>(moved.size));
+    if (!moved.folder && moved.mime_type == mime_type_of(moved.name)) {
+        moved.mime_type = mime_type_of(new_name);
+    }
     moved.name = std::move(new_name);
     moved.parent = &new_parent;
+    moved.times.client_modified = now;
+    if (!is_personal(facts_.kind)) {
+        ++moved.content_count; // these stores count a rename as new content
+    }
     new_parent.children.emplace(std::move(key), &moved);
     spread(&new_parent, static_cast<std::int64_t>(moved.size));
     touch(moved, now);
+    child_changed(old_parent, now);
+    child_changed(new_parent, now);
     return true;
 }
 
@@ -139,9 +167,10 @@ void drive::touch(item &changed, timestamp now)
 {
     ++changed.change_count;
     changed.times.modified = now;
+    note(changed);
 }
 
-void drive::remove(item &gone, timestamp now)
+void drive::remove(item &gone, timestamp now, bool for_good)
 {
     if (gone.parent == nullptr) {
         return;
@@ -149,16 +178,73 @@ void drive::remove(item &gone, timestamp now)
     item &parent = *gone.parent;
     parent.children.erase(fold_case(gone.name));
     spread(&parent, -static_cast<std::int64_t>(gone.size));
-    parent.times.modified = now;
-    forget(gone);
+    bytes_deleted_ += for_good ? 0 : gone.size;
+    std::vector<std::string> above;
+    for (const item *folder = &parent; folder != nullptr; folder = folder->parent) {
+        above.push_back(folder->id);
+    }
+    forget(gone, above);
+    child_changed(parent, now);
 }
 
-void drive::forget(item &gone)
+void drive::forget(item &gone, const std::vector<std::string> &above)
 {
+    std::vector<std::string> above_children{gone.id};
+    above_children.insert(above_children.end(), above.begin(), above.end());
     for (const auto &[key, below] : gone.children) {
-        forget(*below);
+        forget(*below, above_children);
     }
+    changed_.erase(gone.sequence);
+    deleted_.emplace(++last_change_, tombstone{gone.id, gone.name, above});
     items_.erase(std::string(gone.id));
+}
+
+item *drive::copy(const item &from, item &parent, const std::string &name)
+{
+    item *made = from.folder ? add_folder(parent, name, from.times)
+                             : add_file(parent, name, from.data, from.times);
+    if (made == nullptr) {
+        return nullptr;
+    }
+    made->mime_type = from.mime_type;
+    made->hashes = from.hashes;
+    made->extra = from.extra;
+    for (const auto &[key, below] : from.children) {
+        copy(*below, *made, below->name);
+    }
+    return made;
+}
+
+item *drive::take_over(drive &from, item &moved, item &new_parent, const std::string &new_name,
+                       timestamp now)
+{
+    item *made = copy(moved, new_parent, new_name);
+    if (made != nullptr) {
+        made->times.modified = now;
+        made->times.client_modified = now;
+        from.remove(moved, now, true);
+        child_changed(new_parent, now);
+    }
+    return made;
+}
+
+std::vector<change> drive::changes_after(std::uint64_t after) const
+{
+    std::vector<change> found;
+    auto there = changed_.upper_bound(after);
+    auto gone = deleted_.upper_bound(after);
+    while (there != changed_.end() || gone != deleted_.end()) {
+        const bool deleted =
+            there == changed_.end() || (gone != deleted_.end() && gone->first < there->first);
+        if (deleted) {
+            found.push_back({gone->first, nullptr, &gone->second});
+            ++gone;
+        } else {
+            found.push_back({there->first, there->second, nullptr});
+            ++there;
+        }
+    }
+    return found;
 }
 
 void drive::spread(item *folder, std::int64_t size_change)
@@ -203,17 +289,6 @@ std::string mime_type_of(std::string_view name)
         }
     }
     return "application/octet-stream";
-}
-
-bool is_legal_name(std::string_view name)
-{
-    const auto illegal = [](char c) {
-        return static_cast<unsigned char>(c) < 0x20 || c == 0x7F ||
-               std::string_view("\"*:<>?/\\|").find(c) != std::string_view::npos;
-    };
-    return !name.empty() && name != "." && name != ".." && is_utf8(name) &&
-           std::ranges::none_of(name, illegal) && name.front() != ' ' && name.back() != ' ' &&
-           name.back() != '.';
 }
 
 } // namespace graph_sim

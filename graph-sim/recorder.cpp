@@ -47,7 +47,6 @@ std::uint64_t recorder::begin(const request &got, request_kind kind, const std::
     made.method = got.method;
     made.target = got.target;
     made.headers = got.headers;
-    made.body_size = got.body.size();
     made.kind = kind;
     made.account = account;
     made.connection = got.connection;
@@ -73,6 +72,14 @@ recorder::entry *recorder::find(std::uint64_t number)
     }
     const size_t at = (number - 1) % capacity_;
     return at < ring_.size() && ring_[at].number == number ? &ring_[at] : nullptr;
+}
+
+void recorder::received(std::uint64_t number, std::uint64_t bytes)
+{
+    const std::lock_guard lock(mutex_);
+    if (entry *found = find(number)) {
+        found->body_size = bytes;
+    }
 }
 
 void recorder::status(std::uint64_t number, unsigned status, const std::string &fault)

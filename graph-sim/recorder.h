@@ -28,9 +28,11 @@ class recorder {
   public:
     explicit recorder(std::size_t capacity) : capacity_(capacity) {}
 
-    // Takes note of a request that has been read and returns its number, from 1 on; 0 when nothing
-    // is recorded.
+    // Takes note of a request whose head has been read and returns its number, from 1 on; 0 when
+    // nothing is recorded.
     std::uint64_t begin(const request &got, request_kind kind, const std::string &account);
+    // Bytes of the request's own body.
+    void received(std::uint64_t number, std::uint64_t bytes);
     void status(std::uint64_t number, unsigned status, const std::string &fault);
     // Bytes of body sent so far, or in all.
     void sent(std::uint64_t number, std::uint64_t bytes, outcome how);

@@ -95,7 +95,7 @@ json hashes_member(const item &shown, flavour kind, const settings &options)
     if (shown.hashes.kind == hash_choice::how::given) {
         return shown.hashes.given;
     }
-    const hash_set &known = shown.data->hashes(options.hash_limit);
+    const hash_set known = shown.data->hashes(options.hash_limit, is_personal(kind));
     json made = json::object();
     if (known.quick_xor) {
         made.set("quickXorHash", *known.quick_xor);
@@ -138,7 +138,7 @@ json quota_member(const drive &shown)
     const std::uint64_t total = shown.facts().quota_total;
     const std::uint64_t used = shown.bytes_used();
     json made = json::object();
-    made.set("deleted", json::integer(std::int64_t{0}))
+    made.set("deleted", json::integer(shown.bytes_deleted()))
         .set("remaining", json::integer(total > used ? total - used : std::uint64_t{0}))
         .set("state", used < total ? "normal" : "exceeded")
         .set("total", json::integer(total))
@@ -285,6 +285,9 @@ json item_resource(const drive &home, const item &shown, const field_set &fields
         writer.put("folder", [&] { return folder_member(shown, kind); });
     } else {
         writer.put("file", [&] { return file_member(shown, kind, context.options); });
+    }
+    if (!shown.description.empty()) {
+        writer.put("description", [&] { return json::text(shown.description); });
     }
     if (shown.parent == nullptr) {
         writer.put("root", [] { return json::object(); });

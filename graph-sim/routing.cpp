@@ -32,6 +32,8 @@ constexpr std::array kinds{
     kind_entry{request_kind::remove, "remove"},
     kind_entry{request_kind::upload, "upload"},
     kind_entry{request_kind::upload_session, "upload_session"},
+    kind_entry{request_kind::fragment, "fragment"},
+    kind_entry{request_kind::upload_status, "upload_status"},
     kind_entry{request_kind::token, "token"},
     kind_entry{request_kind::device_code, "device_code"},
     kind_entry{request_kind::control, "control"},
@@ -43,11 +45,6 @@ using segments = std::span<const std::string>;
 [[noreturn]] void no_segment(const std::string &segment)
 {
     throw api_error(400, "BadRequest", "Resource not found for the segment '" + segment + "'.");
-}
-
-[[noreturn]] void bad_argument()
-{
-    throw api_error(400, "invalidRequest", "One of the provided arguments is not acceptable.");
 }
 
 // The part of an address in path space and the resource asked for behind it.
@@ -117,6 +114,7 @@ request_kind kind_of_item_request(std::string_view method, const std::string &re
         row{"content", "GET", request_kind::content},
         row{"content", "PUT", request_kind::upload},
         row{"createUploadSession", "POST", request_kind::upload_session},
+        row{"permanentDelete", "POST", request_kind::remove},
     };
     bool known = false;
     for (const row &candidate : rows) {

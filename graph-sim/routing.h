@@ -28,6 +28,8 @@ enum class request_kind {
     remove,         // DELETE an item
     upload,         // PUT content
     upload_session, // POST createUploadSession
+    fragment,       // PUT to an upload address
+    upload_status,  // GET, DELETE and POST of an upload address
     token,          // POST a token endpoint
     device_code,    // POST a device code endpoint
     control,        // /__sim/

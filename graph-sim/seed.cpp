@@ -1,6 +1,8 @@
 // Reading seeds.
 #include "seed.h"
 
+#include "names.h"
+
 #include <algorithm>
 #include <array>
 #include <filesystem>
@@ -272,6 +274,19 @@ void read_library(object_reader reader, site &home, seed_target &target, const s
     reader.finish();
 }
 
+std::vector<std::string> read_account_names(object_reader &reader, const char *key,
+                                            const world &all)
+{
+    std::vector<std::string> names;
+    for (const auto &[name, place] : reader.list(key)) {
+        if (!json_is_string(name) || all.find_account(json_string_value(name)) == nullptr) {
+            throw input_error(place + ": the name of an account is needed");
+        }
+        names.emplace_back(json_string_value(name));
+    }
+    return names;
+}
+
 void read_site(object_reader reader, seed_target &target, const std::string &folder)
 {
     site made;
@@ -283,13 +298,8 @@ void read_site(object_reader reader, seed_target &target, const std::string &fol
     made.tenant = reader.text_or("tenant", std::string(work_tenant));
     made.created = read_time(reader, "created", epoch);
     made.extra = read_extra(reader, "extra");
-    for (const auto &[member, place] : reader.list("members")) {
-        if (!json_is_string(member) ||
-            target.all.find_account(json_string_value(member)) == nullptr) {
-            throw input_error(place + ": the name of an account is needed");
-        }
-        made.members.emplace_back(json_string_value(member));
-    }
+    made.members = read_account_names(reader, "members", target.all);
+    made.visitors = read_account_names(reader, "visitors", target.all);
     site &home = target.all.add_site(std::move(made));
     for (const auto &[library, place] : reader.list("libraries")) {
         read_library(object_reader(library, place), home, target, folder);
@@ -313,6 +323,11 @@ void read_share(object_reader reader, account &who, const world &all)
     made.home = owner->own;
     made.item_id = shared->id;
     made.since = read_time(reader, "since", epoch);
+    const std::string role = reader.text_or("role", "write");
+    if (role != "write" && role != "read") {
+        reader.fail("role", R"(is "write" or "read")");
+    }
+    made.writable = role == "write";
     made.outer_extra = read_extra(reader, "extra");
     made.remote_extra = read_extra(reader, "remote_extra");
     reader.finish();
@@ -397,6 +412,8 @@ void add_seeded_item(drive &home, item &parent, const json_t *described, const s
     made->hashes = read_hashes(reader);
     made->extra = read_extra(reader, "extra");
     made->mime_type = reader.text_or("mime_type", made->mime_type);
+    made->description = reader.text_or("description", "");
+    made->locked = reader.boolean("locked").value_or(false);
     read_children(home, *made, reader, folder);
     reader.finish();
 }

@@ -6,12 +6,19 @@
 #include <boost/asio.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/buffer_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
-#include <boost/beast/http/string_body.hpp>
+
+#include <poll.h>
 
 #include <atomic>
+#include <cerrno>
 #include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <span>
 #include <thread>
 
 namespace graph_sim {
@@ -26,9 +33,14 @@ using error_code = boost::system::error_code;
 namespace {
 
 constexpr std::size_t write_block = std::size_t{1} << 20;
-constexpr std::uint64_t largest_body = std::uint64_t{260}
-                                       << 20; // what the service takes in one piece
 constexpr std::uint32_t largest_head = 65536;
+// A body that does not matter any more is read all the same up to this size, so that the connection
+// can be used again.
+constexpr std::uint64_t largest_idle_body = std::uint64_t{64} << 20;
+// What is slowed down moves in that many pieces.
+constexpr std::uint64_t pieces_a_second = 20;
+constexpr std::chrono::milliseconds pace{1000 / pieces_a_second};
+constexpr std::size_t text_block = std::size_t{64} << 10;
 
 // What is the same for all requests of a connection.
 struct connection_facts {
@@ -45,7 +57,7 @@ std::string view_text(boost::beast::string_view text)
     return {text.data(), text.size()};
 }
 
-request take_request(const beast_http::request<beast_http::string_body> &message,
+request take_request(const beast_http::request<beast_http::buffer_body> &message,
                      const connection_facts &facts)
 {
     request got;
@@ -54,7 +66,6 @@ request take_request(const beast_http::request<beast_http::string_body> &message
     for (const auto &field : message) {
         got.headers.add(view_text(field.name_string()), view_text(field.value()));
     }
-    got.body = message.body();
     got.connection = facts.number;
     got.role = facts.role;
     got.tls = facts.tls;
@@ -80,6 +91,62 @@ asio::awaitable<void> pause(std::chrono::milliseconds time)
     co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
 }
 
+// How the receipt of a body ended.
+enum class receipt {
+    whole,
+    unread, // the answer does not need the rest, after which the connection is of no more use
+    broken, // by the client
+    cut,    // by a rule
+};
+
+// Where the next bytes of a body go, and taking note of how many came.
+class body_sink {
+  public:
+    explicit body_sink(exchange &going) : going_(going) {}
+
+    // At most `most` bytes; none when there is no place for more, in memory or on the disk.
+    std::span<unsigned char> room(std::uint64_t most)
+    {
+        if (going_.body == exchange::sink::file) {
+            guard([&] { room_ = going_.file->room(most); });
+        } else {
+            const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(most, text_block));
+            scratch_.resize(std::max(scratch_.size(), count));
+            room_ = {scratch_.data(), count};
+        }
+        return full_ ? std::span<unsigned char>() : room_;
+    }
+
+    // Takes over the first bytes of the latest room.
+    void commit(std::size_t count)
+    {
+        going_.received += count;
+        if (going_.body == exchange::sink::file) {
+            guard([&] { going_.file->commit(count); });
+        } else if (going_.body == exchange::sink::text) {
+            going_.got.body.append(reinterpret_cast<const char *>(room_.data()), count);
+        }
+    }
+
+    [[nodiscard]] bool full() const { return full_; }
+
+  private:
+    template <class Run> void guard(const Run &run)
+    {
+        try {
+            run();
+        } catch (const std::exception &error) {
+            std::fprintf(stderr, "no place for a body: %s\n", error.what());
+            full_ = true;
+        }
+    }
+
+    exchange &going_;
+    std::vector<unsigned char> scratch_;
+    std::span<unsigned char> room_;
+    bool full_ = false;
+};
+
 // One client.  The stream is a plain or a TLS one; requests come one after another.
 template <class Stream> class connection {
   public:
@@ -95,58 +162,196 @@ template <class Stream> class connection {
     {
         bool open = true;
         while (open) {
-            beast_http::request_parser<beast_http::string_body> parser;
+            parser_type parser;
             parser.header_limit(largest_head);
-            parser.body_limit(largest_body);
-            if (!co_await read(parser)) {
-                break;
-            }
-            const request got = take_request(parser.get(), facts_);
-            const answer told = served_.handle(got);
-            const std::string *announced = told.reply.headers.find("Connection");
-            const bool delivered = co_await deliver(told);
-            open = delivered && parser.keep_alive() && !told.how.close &&
-                   (announced == nullptr || !equal_without_case(*announced, "close"));
+            parser.body_limit(boost::none);
+            open = co_await read_head(parser) && co_await serve(parser);
         }
         finish();
     }
 
   private:
-    using parser_type = beast_http::request_parser<beast_http::string_body>;
+    using parser_type = beast_http::request_parser<beast_http::buffer_body>;
 
     auto &socket() { return stream_.lowest_layer(); }
 
-    asio::awaitable<bool> read(parser_type &parser)
+    asio::awaitable<bool> read_head(parser_type &parser)
     {
         error_code error;
         co_await beast_http::async_read_header(stream_, buffer_, parser,
                                                asio::redirect_error(asio::use_awaitable, error));
-        const bool waits =
-            !error &&
-            equal_without_case(view_text(parser.get()[beast_http::field::expect]), "100-continue");
-        if (waits) {
-            // A failure shows when the body is read.
-            co_await write("HTTP/1.1 100 Continue\r\n\r\n");
-        }
-        if (!error) {
-            co_await beast_http::async_read(stream_, buffer_, parser,
-                                            asio::redirect_error(asio::use_awaitable, error));
-        }
         if (error) {
             co_await refuse(error);
         }
         co_return !error;
     }
 
-    // Answers what is not HTTP, or too much of it, and ends the connection.
+    // True when the connection can take another request.
+    asio::awaitable<bool> serve(parser_type &parser)
+    {
+        exchange going = served_.open(take_request(parser.get(), facts_));
+        const receipt body = co_await receive(parser, going);
+        if (body == receipt::broken || body == receipt::cut) {
+            served_.abandon(going, body == receipt::cut ? outcome::cut : outcome::peer_closed);
+            co_return false;
+        }
+        answer told = served_.finish(going);
+        if (body == receipt::unread) {
+            told.reply.headers.set("Connection", "close");
+        }
+        const std::string *announced = told.reply.headers.find("Connection");
+        const bool delivered = co_await deliver(told);
+        if (delivered && body == receipt::unread) {
+            co_await drain();
+        }
+        co_return delivered &&parser.keep_alive() && !told.how.close &&
+            (announced == nullptr || !equal_without_case(*announced, "close"));
+    }
+
+    asio::awaitable<receipt> receive(parser_type &parser, exchange &going)
+    {
+        const std::uint64_t length = going.got.announced_length().value_or(0);
+        const bool waits =
+            equal_without_case(view_text(parser.get()[beast_http::field::expect]), "100-continue");
+        if (going.refused && (waits || length > largest_idle_body)) {
+            co_return receipt::unread;
+        }
+        const delivery usual;
+        const delivery &how = going.action() == nullptr ? usual : going.action()->how;
+        const std::uint64_t limit = limit_of(how);
+        if (waits && limit > 0) {
+            // A failure shows when the body is read.
+            co_await write("HTTP/1.1 100 Continue\r\n\r\n");
+        }
+        body_sink sink(going);
+        while (going.received < limit) {
+            const bool chunked = parser.chunked();
+            if (chunked ? parser.is_done() : going.received == length) {
+                co_return receipt::whole;
+            }
+            const std::uint64_t left = chunked ? block_store::largest : length - going.received;
+            const auto most = std::min({left, limit - going.received, pace_of(how)});
+            // Not one expression: g++ 12 would end the frame of the chosen side twice.
+            bool intact = false;
+            if (chunked) {
+                intact = co_await receive_chunked(parser, sink, most);
+            } else {
+                intact = co_await receive_plain(sink, most);
+            }
+            if (!intact) {
+                co_return receipt::broken;
+            }
+            if (sink.full() || going.received > going.largest_body) {
+                served_.refuse_body(going, sink.full() ? 507 : 413);
+                co_return receipt::unread;
+            }
+            if (how.receive_bytes_per_second) {
+                co_await pause(pace);
+            }
+        }
+        co_return co_await interrupt(how);
+    }
+
+    // One read into the place where the bytes are to stay; what came with the head goes first.
+    asio::awaitable<bool> receive_plain(body_sink &sink, std::uint64_t most)
+    {
+        const std::span<unsigned char> room = sink.room(most);
+        if (room.empty()) {
+            co_return true;
+        }
+        if (buffer_.size() > 0) {
+            const std::size_t count = std::min(room.size(), buffer_.size());
+            std::memcpy(room.data(), buffer_.data().data(), count);
+            buffer_.consume(count);
+            sink.commit(count);
+            co_return true;
+        }
+        error_code error;
+        const std::size_t count =
+            co_await stream_.async_read_some(asio::buffer(room.data(), room.size()),
+                                             asio::redirect_error(asio::use_awaitable, error));
+        sink.commit(count);
+        co_return !error;
+    }
+
+    asio::awaitable<bool> receive_chunked(parser_type &parser, body_sink &sink, std::uint64_t most)
+    {
+        const std::span<unsigned char> room = sink.room(most);
+        if (room.empty()) {
+            co_return true;
+        }
+        auto &body = parser.get().body();
+        body.data = room.data();
+        body.size = room.size();
+        body.more = true;
+        error_code error;
+        co_await beast_http::async_read(stream_, buffer_, parser,
+                                        asio::redirect_error(asio::use_awaitable, error));
+        sink.commit(room.size() - body.size);
+        co_return !error || error == beast_http::error::need_buffer;
+    }
+
+    // Body bytes after which a rule wants something to happen.
+    static std::uint64_t limit_of(const delivery &how)
+    {
+        constexpr auto never = std::numeric_limits<std::uint64_t>::max();
+        return std::min({how.reset_after_received.value_or(never),
+                         how.stall_after_received.value_or(never),
+                         how.answer_after_received.value_or(never)});
+    }
+
+    // Bytes of a body that are taken in at once.
+    static std::uint64_t pace_of(const delivery &how)
+    {
+        constexpr auto never = std::numeric_limits<std::uint64_t>::max();
+        return how.receive_bytes_per_second
+                   ? std::max<std::uint64_t>(*how.receive_bytes_per_second / pieces_a_second, 1)
+                   : never;
+    }
+
+    // What a rule wants in the middle of a body.
+    asio::awaitable<receipt> interrupt(const delivery &how)
+    {
+        if (how.answer_after_received) {
+            co_return receipt::unread;
+        }
+        if (how.stall_after_received) {
+            co_await wait_until_gone();
+        }
+        if (how.reset_after_received) {
+            reset();
+        }
+        co_return receipt::cut;
+    }
+
+    // Lets the client read an answer that came before its body had been read: closing a socket with
+    // unread bytes would reset the connection and lose the answer.
+    asio::awaitable<void> drain()
+    {
+        error_code error;
+        socket().shutdown(asio::socket_base::shutdown_send, error);
+        std::vector<char> bytes(text_block);
+        for (int idle = 0; idle < 200;) {
+            const ssize_t got =
+                recv(socket().native_handle(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+                break;
+            }
+            if (got < 0) {
+                ++idle;
+                co_await pause(std::chrono::milliseconds(10));
+            }
+        }
+    }
+
+    // Answers what is not HTTP.
     asio::awaitable<void> refuse(error_code error)
     {
         if (error.category() == make_error_code(beast_http::error::bad_target).category() &&
             error != beast_http::error::end_of_stream &&
             error != beast_http::error::partial_message) {
             response reply;
-            const bool too_much = error == beast_http::error::body_limit;
-            reply.status = too_much ? 413 : 400;
+            reply.status = 400;
             reply.headers = {{"Connection", "close"}};
             co_await write(head_text(reply));
         }
@@ -223,9 +428,8 @@ template <class Stream> class connection {
 
     static std::size_t block_size(const delivery &how)
     {
-        // A slow answer goes out in twenty pieces a second.
         return how.bytes_per_second ? static_cast<std::size_t>(std::clamp<std::uint64_t>(
-                                          *how.bytes_per_second / 20, 1, write_block))
+                                          *how.bytes_per_second / pieces_a_second, 1, write_block))
                                     : write_block;
     }
 
@@ -242,16 +446,11 @@ template <class Stream> class connection {
         served_.sent(told.record, count, outcome::cut);
     }
 
-    // Looked at now and then rather than read, which a TLS stream could not take back.
+    // Looked at now and then: bytes that the client has sent stay unread.
     asio::awaitable<void> wait_until_gone()
     {
-        for (;;) {
-            char byte = 0;
-            const ssize_t got = recv(socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-            const bool silent = got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));
-            if (!silent) {
-                co_return;
-            }
+        pollfd watched{socket().native_handle(), POLLRDHUP, 0};
+        while (poll(&watched, 1, 0) == 0) {
             co_await pause(std::chrono::milliseconds(20));
         }
     }

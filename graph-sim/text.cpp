@@ -4,6 +4,12 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+#include <unicase.h>
+#include <uninorm.h>
 
 namespace graph_sim {
 
@@ -76,62 +82,27 @@ void append_utf8(std::string &text, char32_t point)
     }
 }
 
-// Letters whose lower case lies a fixed distance away, and blocks where the two cases alternate
-// (step 0: an even capital is followed by its small letter; step -1: an odd one is).
-struct case_range {
-    char32_t first, last;
-    int step;
-};
-
-constexpr int even_pairs = 0;
-constexpr int odd_pairs = -1;
-
-constexpr std::array case_ranges{
-    case_range{'A', 'Z', 32},
-    case_range{0x00C0, 0x00D6, 32},
-    case_range{0x00D8, 0x00DE, 32},
-    case_range{0x0100, 0x012F, even_pairs},
-    case_range{0x0132, 0x0137, even_pairs},
-    case_range{0x0139, 0x0148, odd_pairs},
-    case_range{0x014A, 0x0177, even_pairs},
-    case_range{0x0178, 0x0178, 0x00FF - 0x0178},
-    case_range{0x0179, 0x017E, odd_pairs},
-    case_range{0x01CD, 0x01DC, odd_pairs},
-    case_range{0x01DE, 0x01EF, even_pairs},
-    case_range{0x01F8, 0x021F, even_pairs},
-    case_range{0x0222, 0x0233, even_pairs},
-    case_range{0x0386, 0x0386, 0x03AC - 0x0386},
-    case_range{0x0388, 0x038A, 0x03AD - 0x0388},
-    case_range{0x038C, 0x038C, 0x03CC - 0x038C},
-    case_range{0x038E, 0x038F, 0x03CD - 0x038E},
-    case_range{0x0391, 0x03A1, 32},
-    case_range{0x03A3, 0x03AB, 32},
-    case_range{0x03C2, 0x03C2, 1},
-    case_range{0x0400, 0x040F, 80},
-    case_range{0x0410, 0x042F, 32},
-    case_range{0x0460, 0x0481, even_pairs},
-    case_range{0x048A, 0x04BF, even_pairs},
-    case_range{0x04C0, 0x04C0, 0x04CF - 0x04C0},
-    case_range{0x04C1, 0x04CE, odd_pairs},
-    case_range{0x04D0, 0x052F, even_pairs},
-    case_range{0x0531, 0x0556, 48},
-    case_range{0x1E00, 0x1E95, even_pairs},
-    case_range{0x1EA0, 0x1EFF, even_pairs},
-    case_range{0xFF21, 0xFF3A, 32},
-};
-
+// Simple case folding.  By way of the capital, forms that share one come together (the two small
+// sigmas); the dotless i shares its capital with another letter and stays what it is.
 char32_t fold_code_point(char32_t point)
 {
-    const auto *const range = std::ranges::lower_bound(case_ranges, point, {},
-                                                       [](const case_range &r) { return r.last; });
-    if (range == case_ranges.end() || point < range->first) {
-        return point;
+    constexpr char32_t dotless_i = 0x0131;
+    return point == dotless_i ? point : uc_tolower(uc_toupper(point));
+}
+
+// UTF-8 in a normal form of Unicode.
+std::string normalised(std::string_view text, uninorm_t form)
+{
+    struct release {
+        void operator()(std::uint8_t *bytes) const noexcept { std::free(bytes); }
+    };
+    size_t length = 0;
+    const std::unique_ptr<std::uint8_t, release> made(u8_normalize(
+        form, reinterpret_cast<const std::uint8_t *>(text.data()), text.size(), nullptr, &length));
+    if (made == nullptr) {
+        throw std::bad_alloc();
     }
-    if (range->step == even_pairs || range->step == odd_pairs) {
-        const bool capital = (point % 2 == 0) == (range->step == even_pairs);
-        return capital ? point + 1 : point;
-    }
-    return static_cast<char32_t>(static_cast<std::int64_t>(point) + range->step);
+    return {reinterpret_cast<const char *>(made.get()), length};
 }
 
 constexpr std::string_view base64_digits =
@@ -271,17 +242,20 @@ bool is_utf8(std::string_view text)
 
 std::string fold_case(std::string_view name)
 {
-    std::string folded;
-    folded.reserve(name.size());
-    for (size_t at = 0; at < name.size();) {
-        const auto point = next_code_point(name, at);
-        if (point) {
-            append_utf8(folded, fold_code_point(*point));
-        } else {
-            folded.push_back(name[at++]);
-        }
+    const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    if (std::ranges::all_of(name, is_ascii)) {
+        return to_lower(name);
     }
-    return folded;
+    if (!is_utf8(name)) {
+        return std::string(name);
+    }
+    const std::string apart = normalised(name, UNINORM_NFD);
+    std::string folded;
+    folded.reserve(apart.size());
+    for (size_t at = 0; at < apart.size();) {
+        append_utf8(folded, fold_code_point(*next_code_point(apart, at)));
+    }
+    return normalised(folded, UNINORM_NFC);
 }
 
 std::string to_lower(std::string_view text)

@@ -24,8 +24,8 @@ std::vector<std::string> split(std::string_view text, char separator);
 // True for well-formed UTF-8 without overlong forms, surrogates and NUL.
 bool is_utf8(std::string_view text);
 
-// The form by which names are compared: simple case folding of ASCII, Latin, Greek, Cyrillic,
-// Armenian and full-width letters (docs/graph-sim.md lists the ranges).  No normalisation.
+// The form by which names are compared: simple case folding of all letters of Unicode ("ß" is not
+// "ss"), and composed and decomposed forms alike.  What is not UTF-8 stays as it is.
 std::string fold_case(std::string_view name);
 
 bool equal_without_case(std::string_view a, std::string_view b); // ASCII only

@@ -90,11 +90,12 @@ world::access world::access_to(const account &who, const drive &what) const
     return has_share ? access::shared_items_only : access::none;
 }
 
-bool world::is_shared_with(const account &who, const item &what)
+bool world::is_shared_with(const account &who, const item &what, bool for_writing)
 {
-    const auto is_shared = [&who](const item &candidate) {
-        return std::ranges::any_of(who.shared, [&candidate](const share &s) {
-            return s.item_id == candidate.id && s.home->find(s.item_id) == &candidate;
+    const auto is_shared = [&](const item &candidate) {
+        return std::ranges::any_of(who.shared, [&](const share &s) {
+            return (s.writable || !for_writing) && s.item_id == candidate.id &&
+                   s.home->find(s.item_id) == &candidate;
         });
     };
     for (const item *at = &what; at != nullptr; at = at->parent) {
@@ -105,10 +106,20 @@ bool world::is_shared_with(const account &who, const item &what)
     return false;
 }
 
+bool world::may_write(const account &who, const drive &home, const item &what) const
+{
+    const bool in_site = std::ranges::any_of(sites_, [&](const auto &s) {
+        return may_read(who, *s) && std::ranges::find(s->visitors, who.name) == s->visitors.end() &&
+               std::ranges::find(s->libraries, &home) != s->libraries.end();
+    });
+    return who.own == &home || in_site || is_shared_with(who, what, true);
+}
+
 bool world::may_read(const account &who, const site &what)
 {
     return std::ranges::find(who.followed, &what) != who.followed.end() ||
-           std::ranges::find(what.members, who.name) != what.members.end();
+           std::ranges::find(what.members, who.name) != what.members.end() ||
+           std::ranges::find(what.visitors, who.name) != what.visitors.end();
 }
 
 } // namespace graph_sim

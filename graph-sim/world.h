@@ -20,6 +20,7 @@ struct share {
     drive *home = nullptr;
     std::string item_id;
     timestamp since{};
+    bool writable = true;
     json outer_extra;  // laid over the entry of sharedWithMe
     json remote_extra; // laid over the entry's remoteItem
 };
@@ -63,8 +64,9 @@ struct site {
     std::string tenant;
     timestamp created{};
     std::vector<drive *> libraries;
-    std::vector<std::string> members; // account names that may read; those that follow may as well
-    json extra;                       // laid over the resource
+    std::vector<std::string> members;  // account names that have access; those that follow have too
+    std::vector<std::string> visitors; // account names that may read, but not write
+    json extra;                        // laid over the resource
 
     // "hostname,collection,web"
     [[nodiscard]] std::string id() const
@@ -107,7 +109,11 @@ class world {
     // What an account may see of a drive.
     [[nodiscard]] access access_to(const account &who, const drive &what) const;
     // True for an item in or below something shared with the account.
-    [[nodiscard]] static bool is_shared_with(const account &who, const item &what);
+    [[nodiscard]] static bool is_shared_with(const account &who, const item &what,
+                                             bool for_writing = false);
+    // True for a drive that is the account's own, a library of a site where it is more than a
+    // visitor, and an item in or below something shared with it for writing.
+    [[nodiscard]] bool may_write(const account &who, const drive &home, const item &what) const;
     [[nodiscard]] static bool may_read(const account &who, const site &what);
 
   private:

@@ -100,6 +100,19 @@ bool take_ahead(upload_state &upload, tirval_size_t length)
     return true;
 }
 
+/* Tells the host that what stands before `offset` is stored, when the storage goes on from there:
+ * also when the client has gone meanwhile, since it may come back to continue. */
+void tell_stored(tirval_gfs_operation_t op, tirval_off_t offset)
+{
+    upload_state &upload = op->upload;
+    bool goes_on = upload.open && upload.handed == upload.length &&
+                   offset == tirval_gfs::upload_end(upload) && offset > upload.stored;
+    if (goes_on && op->backend.stored_up_to != nullptr) {
+        upload.stored = offset;
+        op->backend.stored_up_to(op->host, offset);
+    }
+}
+
 /* Opens the body that follows the one before. */
 tirval_result_t open_next(tirval_gfs_operation_t op, tirval_off_t offset, tirval_off_t length)
 {
@@ -118,9 +131,7 @@ tirval_result_t open_next(tirval_gfs_operation_t op, tirval_off_t offset, tirval
     if (!take_ahead(upload, static_cast<tirval_size_t>(length))) {
         return remember_failure(op, no_memory(__func__, __LINE__));
     }
-    if (upload.open && op->backend.stored_up_to != nullptr) {
-        op->backend.stored_up_to(op->host, offset);
-    }
+    upload.stored = upload.open ? upload.stored : offset;
     upload.open = true;
     upload.offset = offset;
     upload.length = static_cast<tirval_size_t>(length);
@@ -149,7 +160,8 @@ tirval_size_t ahead_window(const upload_state &upload)
 tirval_size_t ahead_room(tirval_gfs_operation_t op)
 {
     const upload_state &upload = op->upload;
-    if (upload.ended || read_obstacle(op) != TIRVAL_SUCCESS || tirval_gfs::read_is_registered(op)) {
+    if (upload.ended || upload.no_ahead || read_obstacle(op) != TIRVAL_SUCCESS ||
+        tirval_gfs::read_is_registered(op)) {
         return 0;
     }
     tirval_size_t window = ahead_window(upload);
@@ -162,6 +174,7 @@ tirval_result_t tirval_gfs_stream_open_read(tirval_gfs_operation_t op, tirval_of
                                             tirval_off_t length)
 {
     tirval_result_t obstacle = read_obstacle(op);
+    tell_stored(op, offset);
     if (obstacle != TIRVAL_SUCCESS) {
         return obstacle;
     }
@@ -221,6 +234,7 @@ void tirval_gfs_stream_receive_ahead(tirval_gfs_operation_t op)
     received_bytes &ahead = op->upload.ahead;
     tirval_size_t room = ahead_room(op);
     if (room > 0 && !ahead.memory.reserve(ahead.filled + room)) {
+        op->upload.no_ahead = true;
         return;
     }
     /* What a TLS layer holds back does not make its descriptor readable: it is taken at once. */

@@ -65,7 +65,8 @@ typedef struct tirval_gfs_backend_s {
     /* A descriptor that polls readable when receive() has something; -1: none.  Default -1. */
     int (*receive_descriptor)(void *host);
     /* The storage goes on with the client's data at `offset` of the file: what stands before it is
-     * the service's.  Called when a body after the first one is opened. */
+     * the service's.  Called once for each body after the first one, when it is asked for: also
+     * when the client has gone meanwhile, so that the body cannot be had. */
     void (*stored_up_to)(void *host, tirval_off_t offset);
     /* Asks for at most `length` bytes on another thread; see tirval_gridftp_server_register_read.
      */

@@ -7,6 +7,8 @@
 #include "errors.h"
 #include "operation.h"
 
+#include <sys/mman.h>
+
 namespace {
 
 using tirval_gfs::download_state;
@@ -195,18 +197,26 @@ tirval_off_t upload_end(const upload_state &upload)
     return start + static_cast<tirval_off_t>(upload.length) + upload.loose;
 }
 
+void unmap::operator()(unsigned char *memory) const
+{
+    munmap(memory, capacity);
+}
+
 bool block_memory::reserve(tirval_size_t size)
 {
-    if (size <= capacity_) {
+    unmap &owner = memory_.get_deleter();
+    if (size <= owner.capacity) {
         return true;
     }
-    void *grown = realloc(memory_.get(), size);
-    if (grown == nullptr) {
+    void *grown = memory_ == nullptr ? mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
+                                     : mremap(memory_.get(), owner.capacity, size, MREMAP_MAYMOVE);
+    if (grown == MAP_FAILED) {
         return false;
     }
     (void)memory_.release();
+    owner.capacity = size;
     memory_.reset(static_cast<unsigned char *>(grown));
-    capacity_ = size;
     return true;
 }
 

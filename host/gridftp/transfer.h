@@ -6,7 +6,6 @@
 
 #include "tirval_gridftp_server.h"
 
-#include <cstdlib>
 #include <memory>
 
 namespace tirval_gfs {
@@ -38,20 +37,21 @@ struct download_state {
     tirval_off_t sent = 0;  /* bytes of the range that the client has, from any attempt */
 };
 
-/* Memory that grows on demand and stays for the next body. */
+struct unmap {
+    tirval_size_t capacity = 0;
+    void operator()(unsigned char *memory) const;
+};
+
+/* Memory that grows on demand and stays for the next body.  It is the kernel's own, so that an idle
+ * session gives back what its last store took. */
 class block_memory {
   public:
     /* Makes room for `size` bytes, keeping the content; false when memory ran out. */
     bool reserve(tirval_size_t size);
     unsigned char *data() const { return memory_.get(); }
-    tirval_size_t capacity() const { return capacity_; }
 
   private:
-    struct release {
-        void operator()(unsigned char *memory) const { free(memory); }
-    };
-    std::unique_ptr<unsigned char, release> memory_;
-    tirval_size_t capacity_ = 0;
+    std::unique_ptr<unsigned char, unmap> memory_;
 };
 
 /* Bytes of the client's, in order, as they were received. */
@@ -65,6 +65,7 @@ struct upload_state {
     bool range_known = false;
     tirval_off_t range_offset = 0;
     tirval_off_t range_length = -1;
+    tirval_off_t stored = 0; /* the host knows that what stands before is stored */
     /* The open body, kept until another one is opened. */
     bool open = false;
     tirval_off_t offset = 0;
@@ -76,6 +77,7 @@ struct upload_state {
     received_bytes ahead;
     tirval_off_t loose = 0; /* bytes that registered reads have taken since the last body */
     bool ended = false;     /* the client's stream has been seen to end */
+    bool no_ahead = false;  /* there is no memory to receive ahead */
 };
 
 /* Remembers the transfer's first failure, and returns this one. */

@@ -132,3 +132,8 @@ int tirval_dsi_rest_last_status(void)
 {
     return tirval::rest::status_of_thread;
 }
+
+void tirval_dsi_rest_clear_last_status(void)
+{
+    tirval::rest::status_of_thread = 0;
+}

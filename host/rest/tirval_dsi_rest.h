@@ -165,6 +165,9 @@ TIRVAL_API bool tirval_dsi_rest_error_is_retryable(tirval_result_t result);
 /* The HTTP status that the calling thread's last request was answered with; 0: none. */
 TIRVAL_API int tirval_dsi_rest_last_status(void);
 
+/* Makes the calling thread's last status 0, so that it tells of later requests only. */
+TIRVAL_API void tirval_dsi_rest_clear_last_status(void);
+
 /* Loads the certificate store anew, for the requests of processes forked and connections opened
  * from now on.  Returns false, keeping the old one, when it cannot be loaded. */
 TIRVAL_API bool tirval_dsi_rest_reload_certificates(void);

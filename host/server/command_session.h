@@ -13,7 +13,9 @@
 #include "storage_session.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -22,6 +24,12 @@
 namespace tirval::server {
 
 enum class transfer_type_t { ascii, image };
+
+/* Bytes of a file, from `first` to `last`, which belongs to them. */
+struct byte_range_t {
+    std::int64_t first;
+    std::int64_t last;
+};
 
 /* What the client has set, and what is known of it.  On the I/O thread only. */
 struct session_state_t {
@@ -32,10 +40,16 @@ struct session_state_t {
     std::string cwd = "/"; /* canonical */
     transfer_type_t type = transfer_type_t::ascii;
     std::int64_t restart_at = 0;                 /* of the next transfer */
+    std::optional<byte_range_t> range;           /* of the next transfer or HASH; then no restart */
     std::optional<std::uint64_t> announced_size; /* of the next store */
+    std::optional<std::time_t> store_modified;   /* the next store's modification time */
     fact_set_t facts;
-    bool extended_passive_only = false;    /* after EPSV ALL */
-    std::unique_ptr<data_endpoint_t> data; /* for the next data connection; null: none set up */
+    std::optional<std::string> rename_from; /* after RNFR: what RNTO renames; canonical */
+    std::string checksums;                  /* as the storage announced them; empty before log-in */
+    std::string hash_name = "SHA-256";      /* of HASH, unless the storage has no such checksum */
+    std::chrono::seconds marker_interval{0}; /* between the markers of a checksum; 0: none */
+    bool extended_passive_only = false;      /* after EPSV ALL */
+    std::unique_ptr<data_endpoint_t> data;   /* for the next data connection; null: none set up */
 
     socket_address_t local;  /* of the control connection */
     socket_address_t client; /* of the control connection */
@@ -54,6 +68,8 @@ struct outcome_t {
     std::string reply;                         /* complete */
     std::optional<std::string> cwd;            /* the new one, if it changes */
     bool logged_in = false;                    /* this was the log-in, and it succeeded */
+    std::string checksums;                     /* of a log-in: what the storage announced */
+    std::optional<std::string> rename_from;    /* what the next command, RNTO, renames */
     std::optional<transfer_record_t> transfer; /* for the transfer log; the session adds whose */
 };
 

@@ -23,6 +23,7 @@ struct command_t {
     bool before_login;
     argument_rule_t argument;
     std::string_view syntax; /* of the argument, for HELP */
+    int needs = 0;           /* bits of the storage's descriptor word: offered only with them */
 };
 
 /* Null when the verb is unknown. */
@@ -31,8 +32,8 @@ const command_t *find_command(std::string_view verb);
 /* The command as a log may show it: an argument only where it can be no secret. */
 std::string loggable_text(const command_text_t &text);
 
-/* The verbs offered, in the table's order. */
-std::vector<std::string_view> offered_verbs();
+/* The verbs that the server offers with the session's storage, in the table's order. */
+std::vector<std::string_view> offered_verbs(const command_session_t &session);
 
 /* Checks the command against the table and the session's state and calls its handler; replies with
  * the error otherwise.  On the I/O thread. */

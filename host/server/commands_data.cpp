@@ -215,6 +215,7 @@ std::optional<transfer_setup_t> take_transfer_setup(command_session_t &session)
 {
     session_state_t &state = session.state();
     const std::int64_t restart_at = std::exchange(state.restart_at, 0);
+    const auto range = std::exchange(state.range, std::nullopt);
     if (!state.data) {
         session.reply(single_reply(425, "Use PASV or PORT first."));
         return std::nullopt;
@@ -225,7 +226,24 @@ std::optional<transfer_setup_t> take_transfer_setup(command_session_t &session)
     setup.options.open_timeout = std::min(setup.options.open_timeout, limit);
     setup.options.stall_timeout = limit;
     setup.restart_at = restart_at;
+    setup.range = range;
     return setup;
+}
+
+outcome_t run_transfer(operation_context_t &context, std::string_view verb, const std::string &path,
+                       const std::function<std::string()> &transfer)
+{
+    const auto start = std::chrono::steady_clock::now();
+    outcome_t outcome = answer(transfer());
+    transfer_record_t record;
+    record.verb = verb;
+    record.path = path;
+    record.bytes = context.bytes;
+    record.duration = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    record.code = reply_code(outcome.reply);
+    outcome.transfer = std::move(record);
+    return outcome;
 }
 
 } // namespace tirval::server

@@ -20,11 +20,6 @@ std::string word(const std::string &argument)
     return capitals;
 }
 
-bool offers_ranges(const command_session_t &session)
-{
-    return (session.storage().descriptor & TIRVAL_GFS_DSI_DESCRIPTOR_RANGES) != 0;
-}
-
 void set_facts(command_session_t &session, const std::string &list)
 {
     const auto facts = fact_set_t::parse(list);
@@ -47,6 +42,16 @@ void set_utf8(command_session_t &session, const std::string &setting)
 }
 
 } // namespace
+
+bool storage_has(const command_session_t &session, int descriptor_bits)
+{
+    return (session.storage().descriptor & descriptor_bits) == descriptor_bits;
+}
+
+bool offers_ranges(const command_session_t &session)
+{
+    return storage_has(session, TIRVAL_GFS_DSI_DESCRIPTOR_RANGES);
+}
 
 std::optional<std::int64_t> parse_number(std::string_view text)
 {
@@ -85,8 +90,15 @@ void handle_feat(command_session_t &session, const std::string &)
     std::vector<std::string> features = {"UTF8", "TVFS", "EPSV", "EPRT", "SIZE", "MDTM", "CLNT"};
     if (offers_ranges(session)) {
         features.emplace_back("REST STREAM");
+        features.emplace_back("RANG STREAM");
+    }
+    if (storage_has(session, TIRVAL_GFS_DSI_DESCRIPTOR_SETS_TIMES)) {
+        features.emplace_back("MFMT");
     }
     features.push_back("MLST " + session.state().facts.feature_list());
+    for (std::string &line : checksum_features(session)) {
+        features.push_back(std::move(line));
+    }
     session.reply(body_reply(211, "Extensions supported:", features, "End"));
 }
 
@@ -112,6 +124,10 @@ void handle_opts(command_session_t &session, const std::string &argument)
         set_utf8(session, word(option.argument));
     } else if (option.verb == "MLST") {
         set_facts(session, option.argument);
+    } else if (option.verb == "CKSM") {
+        set_checksum_options(session, option.argument);
+    } else if (option.verb == "HASH") {
+        set_hash_options(session, option.argument);
     } else {
         session.reply(single_reply(501, "No options for " + option.verb + "."));
     }
@@ -126,8 +142,9 @@ void handle_rest(command_session_t &session, const std::string &argument)
         session.reply(single_reply(504, "The storage cannot restart transfers."));
     } else {
         session.state().restart_at = *offset;
+        session.state().range.reset();
         session.reply(
-            single_reply(350, "Restarting at " + std::to_string(*offset) + ". Send RETR."));
+            single_reply(350, "Restarting at " + std::to_string(*offset) + ". Send STOR or RETR."));
     }
 }
 

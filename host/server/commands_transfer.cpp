@@ -5,12 +5,10 @@
 #include "reply.h"
 #include "vpath.h"
 
-#include <chrono>
+#include <algorithm>
 
 namespace tirval::server {
 namespace {
-
-using steady_t = std::chrono::steady_clock;
 
 struct retrieval_t {
     std::string path; /* canonical */
@@ -19,13 +17,31 @@ struct retrieval_t {
     transfer_setup_t setup;
 };
 
+/* What the storage is asked for. */
+struct extent_t {
+    std::int64_t offset;
+    std::int64_t length; /* -1: to the end; 0: nothing */
+};
+
+/* Of a range the client gets what exists of it.  The end of a file is asked for as such, and only
+ * when something is there. */
+extent_t extent_of(const transfer_setup_t &setup, std::int64_t size)
+{
+    if (setup.range) {
+        const std::int64_t end = std::min(setup.range->last, size - 1) + 1;
+        return {setup.range->first, std::max<std::int64_t>(end - setup.range->first, 0)};
+    }
+    const bool nothing = setup.restart_at > 0 && setup.restart_at == size;
+    return {setup.restart_at, nothing ? 0 : -1};
+}
+
 /* The other side of a running download: the client's data connection. */
 class download_host_t final : public operation_host_t {
   public:
     download_host_t(operation_context_t &context, const retrieval_t &retrieval, std::int64_t size)
         : operation_host_t(context.storage.settings()), context_(context), retrieval_(retrieval),
           sender_(std::move(*retrieval.setup.endpoint), options_of(retrieval), context.bytes),
-          size_(size)
+          size_(size), extent_(extent_of(retrieval.setup, size))
     {
     }
 
@@ -39,9 +55,9 @@ class download_host_t final : public operation_host_t {
     /* One range; none at all when the client has everything already. */
     bool read_range(tirval_off_t &offset, tirval_off_t &length) override
     {
-        offset = retrieval_.setup.restart_at;
-        length = -1;
-        return !std::exchange(range_given_, true) && !(offset > 0 && offset == size_);
+        offset = extent_.offset;
+        length = extent_.length;
+        return !std::exchange(range_given_, true) && length != 0;
     }
 
     std::optional<failure_t> send(std::string_view data) override
@@ -77,7 +93,7 @@ class download_host_t final : public operation_host_t {
     /* Clients take the number in parentheses as the length of what follows. */
     std::string opening() const
     {
-        const bool exact = !retrieval_.ascii && retrieval_.setup.restart_at == 0;
+        const bool exact = !retrieval_.ascii && !retrieval_.setup.is_partial();
         return std::string("Opening ") + (retrieval_.ascii ? "ASCII" : "BINARY") +
                " mode data connection for " + retrieval_.name +
                (exact ? " (" + std::to_string(size_) + " bytes)." : ".");
@@ -95,6 +111,7 @@ class download_host_t final : public operation_host_t {
     const retrieval_t &retrieval_;
     data_sender_t sender_;
     std::int64_t size_;
+    extent_t extent_;
     bool begun_ = false;
     bool range_given_ = false;
     std::optional<failure_t> client_failure_;
@@ -117,21 +134,6 @@ std::string retrieve(operation_context_t &context, const retrieval_t &retrieval)
     return host.end(context.storage.send(retrieval.path, item.size, host));
 }
 
-outcome_t run_retrieval(operation_context_t &context, const retrieval_t &retrieval)
-{
-    const auto start = steady_t::now();
-    outcome_t outcome = answer(retrieve(context, retrieval));
-    transfer_record_t record;
-    record.verb = "RETR";
-    record.path = retrieval.path;
-    record.bytes = context.bytes;
-    record.duration =
-        std::chrono::duration_cast<std::chrono::milliseconds>(steady_t::now() - start);
-    record.code = reply_code(outcome.reply);
-    outcome.transfer = std::move(record);
-    return outcome;
-}
-
 } // namespace
 
 void handle_retr(command_session_t &session, const std::string &argument)
@@ -149,12 +151,13 @@ void handle_retr(command_session_t &session, const std::string &argument)
     retrieval.name = argument;
     retrieval.ascii = session.state().type == transfer_type_t::ascii;
     retrieval.setup = std::move(*setup);
-    if (retrieval.ascii && retrieval.setup.restart_at > 0) {
-        session.reply(single_reply(501, "REST needs TYPE I."));
+    if (retrieval.ascii && retrieval.setup.is_partial()) {
+        session.reply(single_reply(501, "REST and RANG need TYPE I."));
         return;
     }
     session.run([retrieval = std::move(retrieval)](operation_context_t &context) {
-        return run_retrieval(context, retrieval);
+        return run_transfer(context, "RETR", retrieval.path,
+                            [&] { return retrieve(context, retrieval); });
     });
 }
 

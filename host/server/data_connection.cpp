@@ -30,38 +30,10 @@ constexpr std::size_t buffer_bytes = std::size_t{256} * 1024;
 /* With nothing collected a piece from here on is sent without a copy. */
 constexpr std::size_t direct_bytes = std::size_t{64} * 1024;
 
-enum class wait_result_t { ready, timed_out, cancelled };
-
-wait_result_t wait_for(int descriptor, short events, steady_t::time_point deadline)
-{
-    for (;;) {
-        if (tirval_gfs_cancelled() != TIRVAL_GFS_CANCEL_NONE) {
-            return wait_result_t::cancelled;
-        }
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_t::now()).count();
-        if (left <= 0) {
-            return wait_result_t::timed_out;
-        }
-        std::array<pollfd, 2> polled{
-            {{descriptor, events, 0}, {tirval_gfs_cancel_descriptor(), POLLIN, 0}}};
-        const int ready = poll(polled.data(), polled.size(),
-                               static_cast<int>(std::min<std::int64_t>(left, 3'600'000)));
-        if (ready > 0 && polled[0].revents != 0 && polled[1].revents == 0) {
-            return wait_result_t::ready;
-        }
-    }
-}
-
 /* The connection stays where it waits: another attempt would meet the same at once. */
 bool is_shortage(int error)
 {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-failure_t cancelled_failure()
-{
-    return make_failure(426, "Transfer aborted");
 }
 
 failure_t open_failure(wait_result_t result, const char *what)
@@ -116,6 +88,57 @@ unique_fd_t listen_in_range(const socket_address_t &local, const port_range_t &p
     return {};
 }
 
+using opened_t = std::variant<unique_fd_t, failure_t>;
+
+opened_t accept_client(const data_endpoint_t &endpoint, steady_t::time_point deadline)
+{
+    for (;;) {
+        const wait_result_t result = wait_for_data(endpoint.listener.get(), POLLIN, deadline);
+        if (result != wait_result_t::ready) {
+            return open_failure(result, "No data connection was made in time");
+        }
+        unique_fd_t accepted(
+            accept4(endpoint.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!accepted) {
+            if (is_shortage(errno)) {
+                return make_failure(425, "The data connection cannot be opened");
+            }
+            continue;
+        }
+        const socket_address_t peer = socket_address_t::peer_of(accepted.get());
+        if (peer.same_host(endpoint.client)) {
+            return accepted;
+        }
+        log_warning("refused a data connection from %s: it belongs to %s", peer.host().c_str(),
+                    endpoint.client.host().c_str());
+    }
+}
+
+opened_t connect_to_client(const data_endpoint_t &endpoint, steady_t::time_point deadline)
+{
+    const socket_address_t &target = endpoint.target;
+    unique_fd_t made(socket(target.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const socket_address_t source = endpoint.local.with_port(0);
+    if (!made || bind(made.get(), source.data(), source.size()) != 0) {
+        return make_failure(425, "The data connection cannot be opened");
+    }
+    if (connect(made.get(), target.data(), target.size()) != 0) {
+        if (errno != EINPROGRESS) {
+            return make_failure(425, "The data connection was refused");
+        }
+        const wait_result_t result = wait_for_data(made.get(), POLLOUT, deadline);
+        if (result != wait_result_t::ready) {
+            return open_failure(result, "The data connection was not answered in time");
+        }
+        int error = 0;
+        socklen_t size = sizeof error;
+        if (getsockopt(made.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) {
+            return make_failure(425, "The data connection was refused");
+        }
+    }
+    return made;
+}
+
 } // namespace
 
 std::unique_ptr<data_endpoint_t> listen_for_data(const socket_address_t &local,
@@ -133,6 +156,44 @@ std::unique_ptr<data_endpoint_t> listen_for_data(const socket_address_t &local,
     return endpoint;
 }
 
+wait_result_t wait_for_data(int connection, short events, steady_t::time_point deadline)
+{
+    for (;;) {
+        if (tirval_gfs_cancelled() != TIRVAL_GFS_CANCEL_NONE) {
+            return wait_result_t::cancelled;
+        }
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_t::now()).count();
+        if (left <= 0) {
+            return wait_result_t::timed_out;
+        }
+        std::array<pollfd, 2> polled{
+            {{connection, events, 0}, {tirval_gfs_cancel_descriptor(), POLLIN, 0}}};
+        const int ready = poll(polled.data(), polled.size(),
+                               static_cast<int>(std::min<std::int64_t>(left, 3'600'000)));
+        if (ready > 0 && polled[0].revents != 0 && polled[1].revents == 0) {
+            return wait_result_t::ready;
+        }
+    }
+}
+
+failure_t cancelled_failure()
+{
+    return make_failure(426, "Transfer aborted");
+}
+
+std::variant<unique_fd_t, failure_t> open_data_connection(const data_endpoint_t &endpoint,
+                                                          std::chrono::milliseconds limit)
+{
+    const auto deadline = steady_t::now() + limit;
+    auto opened = endpoint.listener ? accept_client(endpoint, deadline)
+                                    : connect_to_client(endpoint, deadline);
+    if (const auto *connection = std::get_if<unique_fd_t>(&opened)) {
+        keep_alive(connection->get());
+    }
+    return opened;
+}
+
 data_sender_t::data_sender_t(std::unique_ptr<data_endpoint_t> endpoint, const options_t &options,
                              std::atomic<std::uint64_t> &sent)
     : endpoint_(std::move(endpoint)), options_(options), sent_(sent)
@@ -143,67 +204,13 @@ data_sender_t::~data_sender_t() = default;
 
 std::optional<failure_t> data_sender_t::open()
 {
-    auto failure = endpoint_->listener ? accept_client() : connect_to_client();
+    auto opened = open_data_connection(*endpoint_, options_.open_timeout);
     endpoint_.reset();
-    if (failure) {
-        connection_.reset();
-        return failure;
+    if (auto *failure = std::get_if<failure_t>(&opened)) {
+        return std::move(*failure);
     }
-    keep_alive(connection_.get());
+    connection_ = std::move(std::get<unique_fd_t>(opened));
     buffer_ = std::make_unique_for_overwrite<char[]>(buffer_bytes);
-    return std::nullopt;
-}
-
-std::optional<failure_t> data_sender_t::accept_client()
-{
-    const auto deadline = steady_t::now() + options_.open_timeout;
-    for (;;) {
-        const wait_result_t result = wait_for(endpoint_->listener.get(), POLLIN, deadline);
-        if (result != wait_result_t::ready) {
-            return open_failure(result, "No data connection was made in time");
-        }
-        unique_fd_t accepted(
-            accept4(endpoint_->listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!accepted) {
-            if (is_shortage(errno)) {
-                return make_failure(425, "The data connection cannot be opened");
-            }
-            continue;
-        }
-        const socket_address_t peer = socket_address_t::peer_of(accepted.get());
-        if (peer.same_host(endpoint_->client)) {
-            connection_ = std::move(accepted);
-            return std::nullopt;
-        }
-        log_warning("refused a data connection from %s: it belongs to %s", peer.host().c_str(),
-                    endpoint_->client.host().c_str());
-    }
-}
-
-std::optional<failure_t> data_sender_t::connect_to_client()
-{
-    const socket_address_t &target = endpoint_->target;
-    unique_fd_t made(socket(target.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const socket_address_t source = endpoint_->local.with_port(0);
-    if (!made || bind(made.get(), source.data(), source.size()) != 0) {
-        return make_failure(425, "The data connection cannot be opened");
-    }
-    if (connect(made.get(), target.data(), target.size()) != 0) {
-        if (errno != EINPROGRESS) {
-            return make_failure(425, "The data connection was refused");
-        }
-        const auto deadline = steady_t::now() + options_.open_timeout;
-        const wait_result_t result = wait_for(made.get(), POLLOUT, deadline);
-        if (result != wait_result_t::ready) {
-            return open_failure(result, "The data connection was not answered in time");
-        }
-        int error = 0;
-        socklen_t size = sizeof error;
-        if (getsockopt(made.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) {
-            return make_failure(425, "The data connection was refused");
-        }
-    }
-    connection_ = std::move(made);
     return std::nullopt;
 }
 
@@ -272,7 +279,7 @@ std::optional<failure_t> data_sender_t::send_all(std::string_view data)
         if (errno != EAGAIN && errno != EINTR) {
             return make_failure(426, "The client closed the data connection");
         }
-        const wait_result_t result = wait_for(connection_.get(), POLLOUT, deadline);
+        const wait_result_t result = wait_for_data(connection_.get(), POLLOUT, deadline);
         if (result == wait_result_t::cancelled) {
             return cancelled_failure();
         }

@@ -1,6 +1,6 @@
 /*
- * The data connection of stream mode (RFC 959, sections 3.2 to 3.4): how it is to be opened, and
- * its sending side.
+ * The data connection of stream mode (RFC 959, sections 3.2 to 3.4): how it is opened and waited
+ * for, and its sending side.
  *
  * The I/O thread prepares an endpoint; with a transfer command the endpoint goes to the operation
  * thread, which opens the connection, moves the bytes and closes it.  Every wait ends early when
@@ -21,6 +21,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 namespace tirval::server {
@@ -43,6 +44,27 @@ std::unique_ptr<data_endpoint_t> listen_for_data(const socket_address_t &local,
                                                  const socket_address_t &client,
                                                  const std::optional<port_range_t> &ports);
 
+/* How the bytes of a data connection are moved. */
+struct data_options_t {
+    bool ascii = false;                               /* TYPE A: line feeds travel as CR LF */
+    std::chrono::milliseconds open_timeout{60'000};   /* for the connection to come about */
+    std::chrono::milliseconds stall_timeout{120'000}; /* while the client moves nothing */
+};
+
+/* Opens the connection as `endpoint` says, within `limit`; or what went wrong: 425, or 426 when the
+ * operation was cancelled. */
+std::variant<unique_fd_t, failure_t> open_data_connection(const data_endpoint_t &endpoint,
+                                                          std::chrono::milliseconds limit);
+
+enum class wait_result_t { ready, timed_out, cancelled };
+
+/* Waits until the connection has one of poll's `events`.  Any thread. */
+wait_result_t wait_for_data(int connection, short events,
+                            std::chrono::steady_clock::time_point deadline);
+
+/* The failure of a transfer whose operation was cancelled. */
+failure_t cancelled_failure();
+
 /*
  * The sending side of a data connection.  On the operation thread only.
  *
@@ -51,11 +73,7 @@ std::unique_ptr<data_endpoint_t> listen_for_data(const socket_address_t &local,
  */
 class data_sender_t {
   public:
-    struct options_t {
-        bool ascii = false;                               /* TYPE A: line feeds go out as CR LF */
-        std::chrono::milliseconds open_timeout{60'000};   /* for the connection to come about */
-        std::chrono::milliseconds stall_timeout{120'000}; /* while the client takes nothing */
-    };
+    using options_t = data_options_t;
 
     /* `sent` (borrowed) counts the bytes that the connection has taken, for other threads. */
     data_sender_t(std::unique_ptr<data_endpoint_t> endpoint, const options_t &options,
@@ -74,8 +92,6 @@ class data_sender_t {
     std::optional<failure_t> finish();
 
   private:
-    std::optional<failure_t> accept_client();
-    std::optional<failure_t> connect_to_client();
     std::optional<failure_t> collect(std::string_view data);
     std::optional<failure_t> write_ascii(std::string_view data);
     std::optional<failure_t> send_all(std::string_view data);

@@ -118,6 +118,16 @@ failure_t describe_result(tirval_result_t result, int default_code)
     return failure;
 }
 
+tirval_result_t put_result(const std::optional<failure_t> &failure)
+{
+    if (!failure) {
+        return TIRVAL_SUCCESS;
+    }
+    return tirval_error_put(tirval_gfs_ftp_response_error_construct(
+        nullptr, nullptr, failure->code, failure->tag.empty() ? nullptr : failure->tag.c_str(),
+        "%s", failure->reason.c_str()));
+}
+
 std::string failure_reply(const failure_t &failure, std::string_view subject)
 {
     std::vector<std::string> lines;

@@ -7,6 +7,7 @@
 
 #include "tirval_common.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,9 @@ failure_t make_failure(int code, std::string_view reason);
  * cut behind the host, since they may carry an authorisation.  The result is borrowed.
  */
 failure_t describe_result(tirval_result_t result, int default_code);
+
+/* Puts the failure as an FTP response error; TIRVAL_SUCCESS for none. */
+tirval_result_t put_result(const std::optional<failure_t> &failure);
 
 /*
  * The reply: with details a multi-line one, "GridFTP-Reason: TAG" and each detail first.  The last

@@ -5,6 +5,7 @@
 #include "listing.h"
 
 #include "log.h"
+#include "path_rules.h"
 #include "vpath.h"
 
 #include <sys/stat.h>
@@ -242,7 +243,7 @@ std::string facts_text(const item_t &item, entry_kind_t kind, std::string_view p
     if (item.modified != 0) {
         add(fact_set_t::modify, "modify", time_value(item.modified));
     }
-    add(fact_set_t::perm, "perm", folder ? "el" : "r");
+    add(fact_set_t::perm, "perm", std::string(permissions_of(path, folder)));
     add(fact_set_t::unique, "unique", hexadecimal(path_hash(path)));
     if (kind != entry_kind_t::parent_folder) {
         add(fact_set_t::unix_mode, "UNIX.mode", octal_mode(item.mode));

@@ -29,20 +29,10 @@ template <typename call_t> void guarded(operation_host_t &host, call_t call) noe
     }
 }
 
-tirval_result_t as_result(const std::optional<failure_t> &failure)
-{
-    if (!failure) {
-        return TIRVAL_SUCCESS;
-    }
-    return tirval_error_put(tirval_gfs_ftp_response_error_construct(
-        nullptr, nullptr, failure->code, failure->tag.empty() ? nullptr : failure->tag.c_str(),
-        "%s", failure->reason.c_str()));
-}
-
 template <typename call_t> tirval_result_t guarded_result(call_t call) noexcept
 {
     try {
-        return as_result(call());
+        return put_result(call());
     } catch (const std::exception &) {
         return TIRVAL_FAILURE;
     }

@@ -74,6 +74,13 @@ std::string single_reply(int code, std::string_view text)
     return reply;
 }
 
+std::string whole_reply(int code, std::string_view text)
+{
+    std::string reply;
+    append_line(reply, prefixed(code, ' ', without_control_bytes(text)));
+    return reply;
+}
+
 std::string multi_line_reply(int code, const std::vector<std::string> &lines, std::string_view last)
 {
     std::string reply;

@@ -23,6 +23,9 @@ std::string safe_text(std::string_view text);
 /* "NNN text". */
 std::string single_reply(int code, std::string_view text);
 
+/* The same, sent whole, however long: for texts that end in a name, which cut would be another. */
+std::string whole_reply(int code, std::string_view text);
+
 /* "NNN-line" for each of `lines` that is not empty, then "NNN last". */
 std::string multi_line_reply(int code, const std::vector<std::string> &lines,
                              std::string_view last);

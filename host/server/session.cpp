@@ -59,6 +59,10 @@ constexpr seconds farewell_limit{5};
 constexpr seconds linger_limit{1};
 /* A storage's own short sleeps run to their end; longer than this nothing should take. */
 constexpr seconds operation_end_limit{10};
+/* A long command sends nothing meanwhile: the way to the client is kept open by probes. */
+constexpr int keepalive_idle_seconds = 60;
+/* The preliminary reply that tells a transfer from other long operations (RFC 959). */
+constexpr int opens_data_connection = 150;
 
 /* The name of a group, or its number. */
 std::string group_name(gid_t gid)
@@ -85,6 +89,8 @@ void prepare_control(int descriptor)
     const int on = 1;
     setsockopt(descriptor, SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
     setsockopt(descriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, &keepalive_idle_seconds,
+               sizeof keepalive_idle_seconds);
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
@@ -456,7 +462,7 @@ void client_session_t::run(operation_t operation)
 void client_session_t::announce(const std::string &text)
 {
     if (!aborted_ && !leaving_) {
-        is_transfer_ = true;
+        is_transfer_ = is_transfer_ || reply_code(text) == opens_data_connection;
         reply(text);
         look_ahead();
     }
@@ -477,8 +483,10 @@ void client_session_t::finish_operation()
         if (outcome->cwd) {
             state_.cwd = *outcome->cwd;
         }
+        state_.rename_from = outcome->rename_from;
         reply(outcome->reply);
         if (outcome->logged_in) {
+            state_.checksums = outcome->checksums;
             finish_login();
         }
     }
@@ -584,6 +592,7 @@ bool client_session_t::become(const account_t &account)
         storage_session_t::setup_t{.storage = context_.storage,
                                    .changes = &context_.changes,
                                    .config = &context_.config.storage,
+                                   .store_wait = context_.config.server.idle_timeout,
                                    .session_id = context_.id,
                                    .account = account,
                                    .client = context_.client});
@@ -603,6 +612,7 @@ void client_session_t::open_storage()
         outcome.cwd = context.storage.home();
         outcome.reply = single_reply(230, "User " + name + " logged in.");
         outcome.logged_in = true;
+        outcome.checksums = context.storage.checksums();
         return outcome;
     });
 }

@@ -7,6 +7,8 @@
 #include "pacing.h"
 #include "vpath.h"
 
+#include "tirval_dsi_rest.h"
+
 #include <utility>
 
 namespace tirval::server {
@@ -68,6 +70,7 @@ storage_session_t::~storage_session_t()
 
 void storage_session_t::close()
 {
+    broken_stores_.clear();
     if (std::exchange(is_open_, false)) {
         tirval_gfs_run_session_end(setup_.storage, std::exchange(handle_, nullptr));
     }
@@ -99,7 +102,6 @@ std::optional<failure_t> storage_session_t::open()
     }
     is_open_ = true;
     distrusted_ = false;
-    broken_stores_.clear();
     handle_ = host.handle;
     home_ = resolve_path("/", host.home_dir).value_or("/");
     opened_at_ = steady_t::now();
@@ -132,15 +134,31 @@ bool storage_session_t::expired() const
     return limit.count() > 0 && steady_t::now() - opened_at_ >= limit;
 }
 
-/* A store that waits to be continued keeps the session: only that knows where it was. */
-bool storage_session_t::must_reopen() const
+void storage_session_t::drop_late_stores()
 {
-    return broken_stores_.empty() && (distrusted_ || expired());
+    const auto now = steady_t::now();
+    const auto dropped = std::erase_if(broken_stores_, [&](const auto &entry) {
+        return now - entry.second.since >= setup_.store_wait;
+    });
+    if (dropped > 0) {
+        distrust(); /* the storage still remembers where they were */
+    }
+}
+
+bool storage_session_t::keeps_store()
+{
+    drop_late_stores();
+    return !broken_stores_.empty();
+}
+
+bool storage_session_t::must_reopen()
+{
+    return !keeps_store() && (distrusted_ || expired());
 }
 
 std::optional<failure_t> storage_session_t::refresh(const std::string &path, bool &changed)
 {
-    changed = is_open_ && broken_stores_.empty() && changed_by_others(path);
+    changed = is_open_ && !keeps_store() && changed_by_others(path);
     return !is_open_ || changed || must_reopen() ? open() : std::nullopt;
 }
 
@@ -158,7 +176,8 @@ std::variant<item_t, failure_t> storage_session_t::stat(const std::string &path)
     }
     auto found = stat_once(path);
     const auto *failure = std::get_if<failure_t>(&found);
-    if (failure == nullptr || !failure->is_not_found() || !(changed || changed_by_others(path))) {
+    if (failure == nullptr || !failure->is_not_found() || keeps_store() ||
+        !(changed || changed_by_others(path))) {
         return found;
     }
     /* The change may have come in the middle, or the service may have answered from before it. */
@@ -215,6 +234,7 @@ std::optional<failure_t> storage_session_t::recv(tirval_gfs_transfer_info_t &inf
 std::optional<failure_t> storage_session_t::command(tirval_gfs_command_info_t &info,
                                                     operation_host_t &host)
 {
+    tirval_dsi_rest_clear_last_status();
     return run(host, [&] {
         tirval_gfs_run_command(setup_.storage, handle_, &info, &operation_backend(), &host);
     });
@@ -225,16 +245,16 @@ void storage_session_t::note_change(const std::string &path)
     setup_.changes->note_change(setup_.account.name, path, setup_.session_id);
 }
 
-const storage_session_t::broken_store_t *
-storage_session_t::broken_store(const std::string &path) const
+const storage_session_t::broken_store_t *storage_session_t::broken_store(const std::string &path)
 {
+    drop_late_stores();
     const auto found = broken_stores_.find(path);
-    return found == broken_stores_.end() ? nullptr : &found->second;
+    return found == broken_stores_.end() ? nullptr : &found->second.store;
 }
 
 void storage_session_t::remember_broken_store(const std::string &path, const broken_store_t &store)
 {
-    broken_stores_.insert_or_assign(path, store);
+    broken_stores_.insert_or_assign(path, waiting_store_t{store, steady_t::now()});
 }
 
 void storage_session_t::forget_broken_store(const std::string &path)

@@ -4,9 +4,12 @@
  *
  * Storages remember what they have seen, also what they have seen to be missing, and never forget
  * it by themselves.  So the storage session is opened anew (which costs no request) before an
- * operation when it is older than storage.refresh_after, or when another session of the same user
- * has changed the operation's path or a folder above it since; and a "not found" that such a change
- * may explain is tried once more.
+ * operation when it is older than storage.refresh_after, when something has shown that it may not
+ * be true, or when another session of the same user has changed the operation's path or a folder
+ * above it since; and a "not found" that such a change may explain is tried once more.
+ *
+ * All this is put off while a store waits to be continued, which only the session that began it can
+ * do.
  */
 #ifndef TIRVAL_SERVER_STORAGE_SESSION_H
 #define TIRVAL_SERVER_STORAGE_SESSION_H
@@ -43,6 +46,8 @@ class storage_session_t final : private session_settings_t {
         const tirval_gfs_storage_iface_t *storage; /* borrowed, as all that is pointed to */
         change_ring_t *changes;
         const storage_config_t *config;
+        /* A store that broke off waits so long to be continued, then it counts as given up. */
+        std::chrono::seconds store_wait;
         std::uint64_t session_id;
         account_t account;
         std::string client; /* numeric address */
@@ -77,7 +82,8 @@ class storage_session_t final : private session_settings_t {
     std::optional<failure_t> recv(tirval_gfs_transfer_info_t &info, operation_host_t &host);
 
     /* Runs a command with `host` as its other side.  Nothing is refreshed: the path as for list().
-     */
+     * Afterwards tirval_dsi_rest_last_status() tells of this command alone, 0 when it got no answer
+     * from the service. */
     std::optional<failure_t> command(tirval_gfs_command_info_t &info, operation_host_t &host);
 
     /* Opens the session, or opens it anew, where an operation on `path` needs that. */
@@ -96,7 +102,9 @@ class storage_session_t final : private session_settings_t {
         std::int64_t stored; /* bytes from the file's start that the service has */
     };
     /* Null when no store of the path waits to be continued. */
-    const broken_store_t *broken_store(const std::string &path) const;
+    const broken_store_t *broken_store(const std::string &path);
+    /* Whether a store waits to be continued, so that the session is not opened anew. */
+    bool keeps_store();
     void remember_broken_store(const std::string &path, const broken_store_t &store);
     void forget_broken_store(const std::string &path);
 
@@ -113,7 +121,9 @@ class storage_session_t final : private session_settings_t {
     void close();
     bool changed_by_others(const std::string &path) const;
     bool expired() const;
-    bool must_reopen() const;
+    bool must_reopen();
+    /* Gives up the stores that nobody has continued in time. */
+    void drop_late_stores();
     /* Opens the session, or opens it anew, where that is needed before an operation on `path`. */
     std::optional<failure_t> refresh(const std::string &path, bool &changed);
     std::optional<failure_t> with_credential_reason(std::optional<failure_t> failure);
@@ -135,7 +145,11 @@ class storage_session_t final : private session_settings_t {
     std::string credential_reason_;          /* why the running operation got no credential */
     std::string checksums_;
     bool distrusted_ = false;
-    std::map<std::string, broken_store_t> broken_stores_;
+    struct waiting_store_t {
+        broken_store_t store;
+        std::chrono::steady_clock::time_point since;
+    };
+    std::map<std::string, waiting_store_t> broken_stores_;
     bool pacing_checked_ = false;
 };
 

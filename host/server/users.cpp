@@ -5,10 +5,10 @@
 
 #include "privileges.h"
 #include "unique_fd.h"
+#include "utf8.h"
 
 #include <crypt.h>
 #include <fcntl.h>
-#include <jansson.h>
 #include <openssl/crypto.h>
 #include <sys/stat.h>
 
@@ -167,13 +167,6 @@ std::string read_file(const std::filesystem::path &file, std::string &text)
         reason = std::string{"cannot be read: "} + std::strerror(errno);
     }
     return reason;
-}
-
-bool is_utf8(const std::string &text)
-{
-    const std::unique_ptr<json_t, decltype(&json_decref)> valid{
-        json_stringn(text.data(), text.size()), &json_decref};
-    return valid != nullptr;
 }
 
 } // namespace

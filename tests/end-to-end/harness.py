@@ -6,6 +6,8 @@ privileges away after log-in; as an ordinary user it serves that user alone.
 """
 
 import ftplib
+import hashlib
+import io
 import json
 import os
 import pathlib
@@ -18,6 +20,7 @@ import subprocess
 import tempfile
 import time
 import unittest
+import urllib.error
 import urllib.request
 
 BUILD = pathlib.Path(os.environ["TIRVAL_BUILD_DIR"])
@@ -70,6 +73,16 @@ class GraphService:
         record = self.call("GET", "/__sim/requests")
         entries = record["requests"] if isinstance(record, dict) else record
         return [entry for entry in entries if kind in (None, entry.get("kind"))]
+
+    def file(self, path, account="alice"):
+        """What the service holds of a file: size, digest, modification time; None when there is none."""
+        from urllib.parse import quote
+        try:
+            return self.call("GET", f"/__sim/file?account={account}&path={quote(path)}")
+        except urllib.error.HTTPError as error:
+            if error.code == 404:
+                return None
+            raise
 
     def forget_requests(self):
         self.call("DELETE", "/__sim/requests")
@@ -245,6 +258,23 @@ class EndToEnd(unittest.TestCase):
         blocks = []
         ftp.retrbinary("RETR " + path, blocks.append, rest=rest)
         return b"".join(blocks)
+
+    def store(self, ftp, path, data, announced=False, rest=None):
+        """Stores the bytes; with `announced` the server is told their number first."""
+        ftp.voidcmd("TYPE I")
+        if announced:
+            ftp.voidcmd(f"ALLO {len(data)}")
+        return ftp.storbinary("STOR " + path, io.BytesIO(data), blocksize=1 << 16, rest=rest)
+
+    def size(self, ftp, path):
+        ftp.voidcmd("TYPE I")  # a listing has left text mode behind
+        return ftp.size(path)
+
+    def assert_stored(self, path, data, account="alice"):
+        """The service holds exactly these bytes under the drive's path."""
+        file = self.graph.file(path, account)
+        self.assertIsNotNone(file, path)
+        self.assertEqual((file["size"], file["sha256"]), (len(data), hashlib.sha256(data).hexdigest()), path)
 
     def names(self, ftp, path):
         return sorted(name for name, facts in ftp.mlsd(path) if facts["type"] not in ("cdir", "pdir"))

@@ -1,5 +1,5 @@
-/* The arguments of PORT, EPRT, OPTS and the other commands that only set something.  An input is a
- * command line. */
+/* The arguments of PORT, EPRT, OPTS and the other commands that only set something, and of those
+ * that say more than a path before an operation runs.  An input is a command line. */
 #include "fuzz.h"
 
 #include "command_table.h"
@@ -37,11 +37,17 @@ class still_session_t : public command_session_t {
   private:
     session_state_t state_;
     config_t config_;
-    tirval_gfs_storage_iface_t storage_{};
+    tirval_gfs_storage_iface_t storage_{.descriptor = 0x3F};
 };
 
-constexpr std::array<std::string_view, 9> tried = {"PORT", "EPRT", "OPTS", "REST", "TYPE",
-                                                   "MODE", "STRU", "ALLO", "HELP"};
+constexpr std::array<std::string_view, 14> tried = {"PORT", "EPRT", "OPTS", "REST", "TYPE",
+                                                    "MODE", "STRU", "ALLO", "HELP", "RANG",
+                                                    "CKSM", "HASH", "SITE", "MFMT"};
+
+bool is_answer(const std::string &reply)
+{
+    return reply == "run" || (fuzz::is_reply_text(reply, 2100) && reply.size() > 5);
+}
 
 void parse(std::string_view input)
 {
@@ -55,10 +61,11 @@ void parse(std::string_view input)
         return;
     }
     still_session_t session;
+    session.state().type = transfer_type_t::image;
+    session.state().checksums = "QuickXORHex:1;SHA1:15;MD5:15;";
     dispatch_command(session, command);
     fuzz::require(session.replies.size() == 1, "a command has one reply");
-    fuzz::require(fuzz::is_reply_text(session.replies[0], 2100) && session.replies[0].size() > 5,
-                  "a reply is lines without control bytes");
+    fuzz::require(is_answer(session.replies[0]), "a reply is lines without control bytes");
     const session_state_t &state = session.state();
     fuzz::require(!state.data || (state.data->target.same_host(state.client) &&
                                   state.data->target.port() >= 1024),
@@ -67,6 +74,10 @@ void parse(std::string_view input)
                                               (command.verb == "PORT" || command.verb == "EPRT")),
                   "an address that is accepted is set up");
     fuzz::require(state.restart_at >= 0, "a restart is in the file");
+    fuzz::require(!state.range || (state.range->first >= 0 &&
+                                   state.range->last >= state.range->first),
+                  "a range has bytes");
+    fuzz::require(state.marker_interval.count() >= 0, "time goes on");
 }
 
 } // namespace
@@ -78,5 +89,12 @@ TIRVAL_FUZZ_ENTRY(
                   "EPRT |1|192.0.2.7|40001|", "EPRT |2|::ffff:192.0.2.7|40001|", "EPRT |3|x|1|",
                   "EPRT ,1,192.0.2.7,65536,", "OPTS MLST type;size;modify;UNIX.mode;", "OPTS MLST",
                   "OPTS UTF8 ON", "REST 9223372036854775807", "REST -1", "TYPE A N", "TYPE L 8",
-                  "MODE S", "STRU F", "ALLO 123 R 4", "HELP port"},
+                  "MODE S", "STRU F", "ALLO 123 R 4", "HELP port", "RANG 0 99",
+                  "RANG 1 0", "RANG 9223372036854775807 9223372036854775807",
+                  "CKSM MD5 0 -1 a b.txt", "CKSM sha1 9223372036854775807 1 /x", "CKSM MD5 0",
+                  "HASH \"a b.txt\"", "SITE HELP", "SITE RDEL a", "SITE CHMOD 0644 a",
+                  "SITE STORATTR modify=20240229123000;", "SITE UTIME 202402291230 a b",
+                  "SITE UTIME a 20240115123000 20240115123000 20240115123000 UTC",
+                  "MFMT 20230229000000 a", "MFMT 99991231235959.999 a", "OPTS HASH SHA-1",
+                  "OPTS CKSM markers=5;"},
                  60000}))

@@ -169,16 +169,6 @@ TEST(Items, ListingAFileGivesAnEmptyPage)
               "itemNotFound");
 }
 
-TEST(Items, ChangesAreToldFromNowOnWithoutHistory)
-{
-    sim service;
-    const json now = service.get_json("alice", "/v1.0/me/drive/root/delta?token=latest");
-    EXPECT_EQ(json_array_size(now.at("value").get()), 0U);
-    EXPECT_NE(now.at("@odata.deltaLink").get(), nullptr);
-    EXPECT_EQ(service.error_code("alice", "/v1.0/me/drive/root/delta?token=now", 410),
-              "resyncRequired");
-}
-
 TEST(Sharing, TheSharedItemIsReachedThroughItsOwnersDrive)
 {
     sim service;

@@ -1,6 +1,8 @@
 // The tree of a drive.
 #include "item_store.h"
 
+#include "names.h"
+
 #include <gtest/gtest.h>
 
 namespace graph_sim {
@@ -86,12 +88,16 @@ TEST_F(ItemStore, NewContentMovesBothTagsAndKeepsTheId)
     EXPECT_EQ(file.times.created, then.created);
 }
 
-TEST_F(ItemStore, ARenameMovesTheEntityTagAlone)
+TEST_F(ItemStore, ARenameMovesTheContentTagInWorkStoresOnly)
 {
-    const std::string ctag = file.ctag(home.kind());
+    drive consumer{facts(flavour::personal)};
+    item &other = *consumer.add_file(consumer.root(), "a.txt", text_content("1"), then);
     EXPECT_TRUE(home.move(file, folder, "new.txt", now));
-    EXPECT_EQ(file.ctag(home.kind()), ctag);
+    EXPECT_TRUE(consumer.move(other, consumer.root(), "b.txt", now));
+    EXPECT_EQ(file.content_count, 2U);
+    EXPECT_EQ(other.content_count, 1U);
     EXPECT_EQ(file.change_count, 2U);
+    EXPECT_EQ(other.change_count, 2U);
     EXPECT_EQ(drive::child(folder, "NEW.TXT"), &file);
     EXPECT_EQ(drive::child(folder, "Größe.TXT"), nullptr);
 }

@@ -152,6 +152,12 @@ TEST(Seed, MistakesAreNamedWithTheirPlace)
               "seed: /accounts/0/follows/0: the name of a site is needed");
     EXPECT_EQ(refusal(R"({"accounts": [{"name": "a", "shared": [{"owner": "a", "path": "/x"}]}]})"),
               "seed: /accounts/0/shared/0: \"path\" is not there in the owner's drive");
+    EXPECT_EQ(refusal(R"({"accounts": [{"name": "a", "shared":
+                  [{"owner": "a", "path": "/", "role": "own"}]}]})"),
+              "seed: /accounts/0/shared/0: \"role\" is \"write\" or \"read\"");
+    EXPECT_EQ(
+        refusal(R"({"accounts": [{"name": "a"}], "sites": [{"name": "s", "visitors": ["b"]}]})"),
+        "seed: /sites/0/visitors/0: the name of an account is needed");
     EXPECT_EQ(refusal(R"({"accounts": [{"name": "a"}], "settings": {"default_page": 0}})"),
               "seed: /settings: \"default_page\" a whole number from 1 to 100000 is needed");
     EXPECT_EQ(refusal(R"({"accounts": [{"name": "a"}], "sites": [{"name": "s", "site_id": "x"}]})"),

@@ -53,6 +53,20 @@ class sim {
         return std::string(get_json(account, target, status).at("error").at("code").as_text());
     }
 
+    // A request with a JSON body (none when it is empty) of the account "<account>-token"; the
+    // answer is null when there is no body in it.
+    json change(const std::string &account, const std::string &method, const std::string &target,
+                const std::string &body, unsigned status, header_list headers = {})
+    {
+        headers.add("Authorization", "Bearer " + account + "-token");
+        if (!body.empty()) {
+            headers.add("Content-Type", "application/json");
+        }
+        const response reply = send(method, target, headers, body).reply;
+        EXPECT_EQ(reply.status, status) << method << " " << target << "\n" << reply.body;
+        return reply.body.empty() ? json() : json::parse(reply.body, target);
+    }
+
     json control(const std::string &method, const std::string &path, const std::string &body = {},
                  unsigned status = 200)
     {

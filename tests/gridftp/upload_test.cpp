@@ -6,7 +6,12 @@
 
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <poll.h>
+#include <tuple>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace {
 
@@ -51,6 +56,35 @@ std::string body(tirval_gfs_operation_t op, size_t offset, size_t length)
                                                          static_cast<tirval_off_t>(length));
     EXPECT_EQ(result, TIRVAL_SUCCESS) << memory_outcome::of(result).text;
     return read(op);
+}
+
+/* The open body, compared as it comes, so that it takes no memory here. */
+void expect_body(tirval_gfs_operation_t op, std::string_view expected)
+{
+    static char buffer[65536];
+    size_t count = 1;
+    while (count > 0) {
+        ASSERT_EQ(tirval_gfs_stream_read(op, buffer, sizeof buffer, &count), TIRVAL_SUCCESS);
+        ASSERT_LE(count, expected.size());
+        ASSERT_EQ(memcmp(buffer, expected.data(), count), 0);
+        expected.remove_prefix(count);
+    }
+    EXPECT_EQ(expected.size(), 0u);
+}
+
+/* What this process has mapped, in bytes: unlike what is resident, it does not grow by a
+ * sanitizer's shadow of it. */
+size_t memory_mapped()
+{
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    size_t kibibytes = 0;
+    while (status >> word) {
+        if (word == "VmSize:") {
+            status >> kibibytes;
+        }
+    }
+    return kibibytes * 1024;
 }
 
 /* Waits as a request that waits for its answer does; false when there is nothing to wait for. */
@@ -448,6 +482,143 @@ TEST_F(Upload, TheWriteRangeIsTheClients)
         tirval_gridftp_server_finished_transfer(op, TIRVAL_FAILURE);
     });
     EXPECT_EQ(host.answer.result, TIRVAL_FAILURE);
+}
+
+/* ---- What is stored ------------------------------------------------------------------------ */
+
+TEST_F(Upload, TheNextBodyTellsThatEverythingBeforeItIsStored)
+{
+    host.upload = pattern(30);
+    store([&](tirval_gfs_operation_t op) {
+        begin(op);
+        body(op, 0, 10);
+        body(op, 0, 10);
+        EXPECT_THAT(host.stored_up_to, IsEmpty()) << "nothing is before the first";
+        EXPECT_EQ(tirval_gfs_stream_open_read(op, 10, 10), TIRVAL_SUCCESS);
+        EXPECT_THAT(host.stored_up_to, ElementsAre(10));
+        read(op, 3);
+        body(op, 10, 10);
+        EXPECT_THAT(host.stored_up_to, ElementsAre(10)) << "a repeat tells nothing new";
+        body(op, 20, 10);
+        receive_ahead(op);
+    });
+    EXPECT_TRUE(host.answer.success());
+    EXPECT_THAT(host.stored_up_to, ElementsAre(10, 20));
+}
+
+TEST_F(Upload, AContinuedStoreTellsNothingOfItsFirstBody)
+{
+    host.upload = pattern(20);
+    host.write_range = {1000, -1};
+    host.in_recv(
+        [&](tirval_gfs_operation_t op) {
+            begin(op);
+            body(op, 1000, 12);
+            EXPECT_THAT(host.stored_up_to, IsEmpty());
+            body(op, 1012, 8);
+        },
+        1020);
+    EXPECT_THAT(host.stored_up_to, ElementsAre(1012));
+}
+
+TEST_F(Upload, WhatIsStoredIsToldAlsoWhenTheClientIsLostMeanwhile)
+{
+    host.upload = pattern(10);
+    host.receive_fails_after = 6;
+    store([&](tirval_gfs_operation_t op) {
+        begin(op);
+        body(op, 0, 4);
+        EXPECT_TRUE(receive_ahead(op));
+        EXPECT_THAT(host.stored_up_to, IsEmpty());
+        EXPECT_NE(tirval_gfs_stream_open_read(op, 4, 6), TIRVAL_SUCCESS);
+        EXPECT_NE(tirval_gfs_stream_open_read(op, 4, 6), TIRVAL_SUCCESS);
+    });
+    EXPECT_THAT(host.stored_up_to, ElementsAre(4));
+    EXPECT_EQ(host.answer.code, 426);
+}
+
+TEST_F(Upload, ARefusedBodyTellsNothing)
+{
+    host.upload = pattern(20);
+    store([&](tirval_gfs_operation_t op) {
+        begin(op);
+        EXPECT_EQ(tirval_gfs_stream_open_read(op, 0, 10), TIRVAL_SUCCESS);
+        read(op, 9);
+        EXPECT_NE(tirval_gfs_stream_open_read(op, 10, 10), TIRVAL_SUCCESS) << "a byte is unread";
+        read(op);
+        EXPECT_NE(tirval_gfs_stream_open_read(op, 11, 9), TIRVAL_SUCCESS);
+    });
+    EXPECT_THAT(host.stored_up_to, IsEmpty());
+}
+
+/* ---- Repeats ------------------------------------------------------------------------------- */
+
+class RepeatedBody : public Upload, public testing::WithParamInterface<std::tuple<size_t, bool>> {
+  protected:
+    const size_t length = std::get<0>(GetParam());
+    const bool receives_ahead = std::get<1>(GetParam());
+};
+
+TEST_P(RepeatedBody, IsTheSameWhereverTheFirstAttemptBrokeOff)
+{
+    host.upload = pattern(length + 2 * mebibyte);
+    const std::string_view all = host.upload;
+    for (size_t cut : {size_t{0}, size_t{1}, length / 2, mebibyte,
+                       length - std::min(length, size_t{1}), length}) {
+        if (cut > length) {
+            continue;
+        }
+        store([&](tirval_gfs_operation_t op) {
+            begin(op);
+            EXPECT_EQ(tirval_gfs_stream_open_read(op, 0, static_cast<tirval_off_t>(length)),
+                      TIRVAL_SUCCESS);
+            EXPECT_TRUE(read(op, cut) == all.substr(0, cut)) << cut;
+            while (receives_ahead && receive_ahead(op)) {
+            }
+            EXPECT_EQ(tirval_gfs_stream_open_read(op, 0, static_cast<tirval_off_t>(length)),
+                      TIRVAL_SUCCESS);
+            expect_body(op, all.substr(0, length));
+            EXPECT_TRUE(body(op, length, 2 * mebibyte) == all.substr(length)) << cut;
+            receive_ahead(op);
+            EXPECT_TRUE(tirval_gfs_stream_at_end(op));
+        });
+        EXPECT_TRUE(host.answer.success()) << cut << host.answer.text;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, RepeatedBody,
+                         testing::Combine(testing::Values(0, 1, mebibyte - 1, mebibyte,
+                                                          mebibyte + 1, part),
+                                          testing::Bool()));
+
+/* ---- Memory -------------------------------------------------------------------------------- */
+
+TEST_F(Upload, BodiesTakeTheMemoryOfTwoPartsAndGiveItBack)
+{
+    host.upload = pattern(5 * part);
+    const std::string_view all = host.upload;
+    for (int run = 0; run < 3; ++run) {
+        const size_t before = memory_mapped();
+        size_t highest = before;
+        store([&](tirval_gfs_operation_t op) {
+            begin(op);
+            for (size_t offset = 0; offset < all.size(); offset += part) {
+                for (int attempt = 0; attempt < 2; ++attempt) {
+                    EXPECT_EQ(tirval_gfs_stream_open_read(op, static_cast<tirval_off_t>(offset),
+                                                          static_cast<tirval_off_t>(part)),
+                              TIRVAL_SUCCESS);
+                    expect_body(op, all.substr(offset, part));
+                    while (receive_ahead(op)) {
+                    }
+                }
+                highest = std::max(highest, memory_mapped());
+            }
+        });
+        EXPECT_TRUE(host.answer.success()) << host.answer.text;
+        EXPECT_GE(highest - before, 2 * part - mebibyte);
+        EXPECT_LE(highest - before, 2 * part + mebibyte);
+        EXPECT_LE(memory_mapped(), before + mebibyte) << "after run " << run;
+    }
 }
 
 } // namespace

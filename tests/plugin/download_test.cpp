@@ -2,16 +2,13 @@
 #include "graph_script.h"
 #include "library_seams.h"
 #include "memory_backend.h"
+#include "refusing_port.h"
 #include "test_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <chrono>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -38,30 +35,6 @@ http_peer_answer partial(const std::string &file, std::size_t first, std::size_t
                                                              std::to_string(first + length - 1) +
                                                              "/" + std::to_string(file.size())}});
 }
-
-/* A port that nobody listens on: bound, so that nobody else takes it. */
-class refusing_port {
-  public:
-    refusing_port() : descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr *>(&address), length), 0);
-        getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &length);
-    }
-    ~refusing_port() { close(descriptor); }
-    refusing_port(const refusing_port &) = delete;
-    refusing_port &operator=(const refusing_port &) = delete;
-    std::string url() const
-    {
-        return "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/file";
-    }
-
-  private:
-    int descriptor;
-    sockaddr_in address = {};
-};
 
 class Download : public testing::Test {
   protected:
@@ -419,7 +392,7 @@ TEST_F(Download, ABodyThatEndsEarlyIsRepeatedAndThenFails)
 TEST_F(Download, ARefusedConnectionFailsTheTransfer)
 {
     const refusing_port nobody;
-    service.answer(graph::redirect(nobody.url()));
+    service.answer(graph::redirect(nobody.url("/file")));
     debug_trace trace(TIRVAL_ONEDRIVE_DEBUG);
     EXPECT_FALSE(send());
     EXPECT_EQ(host.sent_bytes(), "");

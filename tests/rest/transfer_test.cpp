@@ -31,22 +31,50 @@ class RestTransfer : public rest_test {
         return outcomes;
     }
 
-    /* A PUT of {offset, length} from the operation's client. */
-    rest_outcome put(tirval_dsi_rest_gridftp_op_arg_t &record)
+    /* A PUT of {offset, length} from the operation's client; an idle limit of 0 is none. */
+    rest_outcome put(tirval_dsi_rest_gridftp_op_arg_t &record, intptr_t idle_limit_ms = 0)
     {
         rest_call call("PUT", peer.url("/upload"));
         call.headers = {{"Transfer-Encoding", ""},
                         {"Content-Length", std::to_string(record.length)}};
         call.callbacks.data_write_callback = tirval_dsi_rest_write_gridftp_op;
         call.callbacks.data_write_callback_arg = &record;
+        call.callbacks.progress_callback = tirval_dsi_rest_progress_idle_timeout;
+        call.callbacks.progress_callback_arg = reinterpret_cast<void *>(idle_limit_ms);
         json_answer body;
         body.attach(call);
         return call.send();
     }
 
+    /* A store of `host.upload`, in which the body runs with a transfer that has begun. */
+    void store(const memory_backend::body &body, tirval_off_t announced)
+    {
+        host.in_recv(
+            [&](tirval_gfs_operation_t op) {
+                tirval_gridftp_server_begin_transfer(op, 0, nullptr);
+                body(op);
+            },
+            announced);
+    }
+
     http_peer peer;
     memory_backend host;
 };
+
+/* Bytes that tell their place. */
+static std::string pattern(size_t size)
+{
+    std::string data(size, '\0');
+    for (size_t index = 0; index < size; ++index) {
+        data[index] = static_cast<char>(index * 31 + index / 251);
+    }
+    return data;
+}
+
+static tirval_off_t as_offset(size_t size)
+{
+    return static_cast<tirval_off_t>(size);
+}
 
 TEST_F(RestTransfer, AWholeFileReachesTheClient)
 {
@@ -309,4 +337,207 @@ TEST_F(RestTransfer, ARecordWithoutItsOperationIsRefused)
     EXPECT_EQ(get.send().type, TIRVAL_ERROR_TYPE_ARGUMENT);
     EXPECT_EQ(put(record).type, TIRVAL_ERROR_TYPE_ARGUMENT);
     EXPECT_TRUE(peer.requests().empty());
+}
+
+/* ---- Repeated parts -------------------------------------------------------------------------- */
+
+constexpr size_t mebibyte = 1024UL * 1024;
+
+class RestRepeatedPart : public RestTransfer, public testing::WithParamInterface<size_t> {
+  protected:
+    /* What the service gets when it resets the first attempt after so many bytes of its body. */
+    void expect_same_bytes(size_t cut, bool more_follows)
+    {
+        const size_t length = GetParam();
+        host.upload = pattern(length + (more_follows ? 2 * mebibyte : 0));
+        const std::string_view whole = host.upload;
+        const size_t earlier = peer.requests().size();
+        // The pause lets the client's next bytes be received while the answer is awaited.
+        peer.answer(http_peer_answer().stop_body_after(cut).pause(30ms).reset());
+        peer.answer(http_peer_answer::json(202, "{}"));
+        peer.answer(http_peer_answer::json(201, "{}"));
+        store(
+            [&](tirval_gfs_operation_t op) {
+                tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, as_offset(length), false};
+                const auto first = put(record);
+                EXPECT_TRUE(first.retryable) << first.text;
+                EXPECT_EQ(record.offset, 0);
+                EXPECT_EQ(record.length, as_offset(length));
+                EXPECT_TRUE(put(record).ok());
+                tirval_dsi_rest_gridftp_op_arg_t rest = {op, as_offset(length),
+                                                         as_offset(whole.size() - length), false};
+                EXPECT_TRUE(put(rest).ok());
+            },
+            as_offset(whole.size()));
+        const auto requests = peer.requests();
+        ASSERT_EQ(requests.size(), earlier + 3);
+        EXPECT_TRUE(whole.starts_with(requests[earlier].body));
+        EXPECT_TRUE(requests[earlier + 1].body == whole.substr(0, length));
+        EXPECT_TRUE(requests[earlier + 2].body == whole.substr(length));
+    }
+};
+
+TEST_P(RestRepeatedPart, IsTheSameWhereverTheServiceBrokeOff)
+{
+    const size_t length = GetParam();
+    for (const size_t cut :
+         {0UL, 1UL, length / 2, mebibyte, length - std::min(length, 1UL), length}) {
+        if (cut <= length) {
+            SCOPED_TRACE(cut);
+            expect_same_bytes(cut, false);
+            expect_same_bytes(cut, true);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, RestRepeatedPart,
+                         testing::Values(0UL, 1UL, mebibyte - 1, mebibyte + 1, 10 * mebibyte));
+
+TEST_F(RestTransfer, TheEndOfTheClientsDataIsNeverForgotten)
+{
+    host.upload = "content";
+    peer.answer(http_peer_answer().pause(500ms).close());
+    peer.answer(http_peer_answer::json(503, "{}"));
+    peer.answer(http_peer_answer::json(201, "{}"));
+    store(
+        [&](tirval_gfs_operation_t op) {
+            tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, 7, false};
+            EXPECT_TRUE(put(record).retryable);
+            EXPECT_TRUE(record.eof) << "seen while the answer was awaited";
+            EXPECT_TRUE(put(record).ok());
+            EXPECT_TRUE(record.eof);
+            EXPECT_TRUE(put(record).ok());
+            EXPECT_TRUE(record.eof);
+        },
+        7);
+    EXPECT_TRUE(host.answer.success()) << host.answer.text;
+}
+
+TEST_F(RestTransfer, ThereIsNoEndWhileReceivedBytesAreLeft)
+{
+    // The whole of the client's data, and its end, are seen during the first part.
+    host.upload = "firstsecond";
+    peer.answer(
+        http_peer_answer().pause(500ms).send("HTTP/1.1 202 x\r\nContent-Length: 2\r\n\r\n{}"));
+    peer.answer(http_peer_answer::json(201, "{}"));
+    store(
+        [&](tirval_gfs_operation_t op) {
+            tirval_dsi_rest_gridftp_op_arg_t first = {op, 0, 5, false};
+            EXPECT_TRUE(put(first).ok());
+            EXPECT_FALSE(first.eof);
+            tirval_dsi_rest_gridftp_op_arg_t second = {op, 5, 6, false};
+            EXPECT_TRUE(put(second).ok());
+            EXPECT_TRUE(second.eof);
+        },
+        11);
+    EXPECT_TRUE(host.answer.success()) << host.answer.text;
+}
+
+/* ---- How a part is framed -------------------------------------------------------------------- */
+
+TEST_F(RestTransfer, APartIsFramedByItsLengthAloneAndSentWithoutBeingAskedFor)
+{
+    for (const size_t length : {0UL, 1UL, 3 * mebibyte}) {
+        host.upload = std::string(length, 'f');
+        peer.answer(http_peer_answer::json(201, "{}"));
+        store(
+            [&](tirval_gfs_operation_t op) {
+                tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, as_offset(length), false};
+                EXPECT_TRUE(put(record).ok());
+            },
+            as_offset(length));
+        const auto request = peer.requests().back();
+        EXPECT_EQ(request.header_count("Content-Length"), 1U);
+        EXPECT_EQ(request.header("Content-Length"), std::to_string(length));
+        EXPECT_EQ(request.header_count("Transfer-Encoding"), 0U);
+        EXPECT_EQ(request.header_count("Expect"), 0U);
+        EXPECT_EQ(request.header_count("Content-Type"), 0U);
+        EXPECT_EQ(request.body_size, length);
+        EXPECT_TRUE(request.body_complete);
+    }
+}
+
+TEST_F(RestTransfer, AnEarlyAnswerDoesNotCutAPartShort)
+{
+    // The service answers, and only then reads the part: it gets all of it.
+    host.upload = pattern(8 * mebibyte);
+    peer.answer(http_peer_answer::json(202, "{}").before_body());
+    store(
+        [&](tirval_gfs_operation_t op) {
+            tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, as_offset(host.upload.size()), false};
+            EXPECT_TRUE(put(record).ok());
+        },
+        as_offset(host.upload.size()));
+    peer.answer(http_peer_answer::complete(200));
+    EXPECT_TRUE(rest_call("GET", peer.url()).send().ok());
+    EXPECT_EQ(peer.connections(), 1U) << "the part was read before the next request";
+    EXPECT_TRUE(peer.requests().at(0).body == host.upload);
+}
+
+TEST_F(RestTransfer, ARefusedPartCanBeRepeatedFromItsFirstByte)
+{
+    host.upload = pattern(8 * mebibyte);
+    peer.answer(http_peer_answer::json(503, "{}").before_body());
+    peer.answer(http_peer_answer::json(201, "{}"));
+    store(
+        [&](tirval_gfs_operation_t op) {
+            tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, as_offset(host.upload.size()), false};
+            EXPECT_TRUE(put(record).ok());
+            EXPECT_EQ(tirval_dsi_rest_last_status(), 503);
+            EXPECT_TRUE(put(record).ok());
+        },
+        as_offset(host.upload.size()));
+    EXPECT_TRUE(peer.requests().back().body == host.upload);
+}
+
+/* ---- Who is waited for ----------------------------------------------------------------------- */
+
+TEST_F(RestTransfer, AClientThatPausesIsNotAnIdleService)
+{
+    host.upload = "abcd";
+    host.upload_chunk = 1;
+    host.on_receive = [] { std::this_thread::sleep_for(700ms); };
+    peer.answer(http_peer_answer::json(201, "{}"));
+    store(
+        [&](tirval_gfs_operation_t op) {
+            tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, 4, false};
+            const auto outcome = put(record, 600);
+            EXPECT_TRUE(outcome.ok()) << outcome.text;
+        },
+        4);
+    EXPECT_EQ(peer.requests().at(0).body, "abcd");
+}
+
+TEST_F(RestTransfer, AServiceIsIdleThoughTheClientKeepsSending)
+{
+    // More is to be received ahead than there is time for.
+    host.upload = std::string(10 * mebibyte, 'a');
+    host.upload_chunk = 1;
+    peer.answer(http_peer_answer().await_close());
+    store(
+        [&](tirval_gfs_operation_t op) {
+            tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, 4, false};
+            const auto outcome = put(record, 300);
+            EXPECT_TRUE(outcome.retryable) << outcome.text;
+            EXPECT_THAT(outcome.text, HasSubstr("has moved no data for too long"));
+        },
+        as_offset(host.upload.size()));
+    EXPECT_GT(host.received, 4U);
+}
+
+TEST_F(RestTransfer, ASilentClientIsNotWaitedForWhileTheServiceAnswers)
+{
+    host.upload = "abcd";
+    host.upload_ends = false;
+    int waits = 0;
+    host.on_receive = [&] { ++waits; };
+    peer.answer(
+        http_peer_answer().pause(200ms).send("HTTP/1.1 202 x\r\nContent-Length: 2\r\n\r\n{}"));
+    store(
+        [&](tirval_gfs_operation_t op) {
+            tirval_dsi_rest_gridftp_op_arg_t record = {op, 0, 4, false};
+            EXPECT_TRUE(put(record).ok());
+        },
+        8);
+    EXPECT_EQ(waits, 1) << "for the part itself";
 }

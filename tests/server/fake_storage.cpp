@@ -4,6 +4,9 @@
  */
 #include "fake_storage.h"
 
+#include "fake_change.h"
+#include "fake_store.h"
+
 #include "tirval_gfs_stream.h"
 #include "vpath.h"
 
@@ -16,6 +19,7 @@
 #include <cstring>
 #include <new>
 #include <set>
+#include <sstream>
 
 namespace tirval::tests {
 namespace {
@@ -27,6 +31,7 @@ constexpr std::size_t block_bytes = 16384;
 
 struct fake_session_t {
     std::set<std::string> missing; /* once missing, always missing */
+    fake_uploads_t uploads;
 };
 
 tirval_result_t put(const fake_error_t &error)
@@ -155,6 +160,10 @@ void start(tirval_gfs_operation_t op, tirval_gfs_session_info_t *)
         }
         note_settings(op, credential);
     }
+    if (!current->checksum_support.empty()) {
+        TIRVAL_ASSERT(tirval_gridftp_server_set_checksum_support(
+                          op, current->checksum_support.c_str()) == TIRVAL_SUCCESS);
+    }
     if (!current->start_error.message.empty()) {
         tirval_gridftp_server_finished_session_start(op, put(current->start_error), nullptr,
                                                      nullptr, nullptr);
@@ -185,15 +194,18 @@ void stat_single(tirval_gfs_operation_t op, const std::string &path, fake_sessio
         return;
     }
     auto record = make_record(*node, path);
+    record.size = node->size_told >= 0 ? node->size_told : record.size;
     tirval_gridftp_server_finished_stat(op, TIRVAL_SUCCESS, &record, 1);
     std::free(record.name);
 }
 
-void add_children(batches_t &batches, const std::string &path)
+/* What a listing shows is not missing any more. */
+void add_children(batches_t &batches, const std::string &path, fake_session_t &session)
 {
     for (const auto &[child, node] : current->nodes) {
         if (child != "/" && server::parent_path(child) == path &&
             (!node.hidden || current->shared->reveal)) {
+            session.missing.erase(child);
             batches.add(node, std::string(server::base_name(child)));
         }
     }
@@ -230,7 +242,7 @@ void stat_folder(tirval_gfs_operation_t op, const std::string &path, fake_sessio
     for (const std::string &name : node->odd_names) {
         batches.add(generated, name);
     }
-    add_children(batches, path);
+    add_children(batches, path, session);
     batches.finish(TIRVAL_SUCCESS);
 }
 
@@ -291,6 +303,12 @@ tirval_result_t send_range(tirval_gfs_operation_t op, const fake_node_t &node, s
     case fake_send_t::short_of_announced:
         (void)deliver(op, node, offset, end / 2);
         return tirval_gfs_stream_close_write(op, false);
+    case fake_send_t::repeated:
+        (void)deliver(op, node, offset, offset + (end - offset) / 2);
+        (void)tirval_gfs_stream_close_write(op, false);
+        result = tirval_gfs_stream_open_write(op, offset, length);
+        TIRVAL_ASSERT(result == TIRVAL_SUCCESS);
+        break;
     case fake_send_t::until_cancelled:
         while (result == TIRVAL_SUCCESS) {
             result = tirval_gfs_stream_write(op, "x", 1);
@@ -339,10 +357,82 @@ void send(tirval_gfs_operation_t op, tirval_gfs_transfer_info_t *info, void *use
         if (length == 0) {
             break;
         }
+        current->shared->send_offset = offset;
+        current->shared->send_length = length;
         result = send_range(op, *node, offset, length);
         if (length == -1) {
             break;
         }
+    }
+    tirval_gridftp_server_finished_transfer(op, result);
+}
+
+void report_progress(tirval_gfs_operation_t op, const fake_node_t &node)
+{
+    int interval = 0;
+    tirval_gridftp_server_get_update_interval(op, &interval);
+    for (const std::int64_t bytes : node.checksum_progress) {
+        if (interval > 0) {
+            tirval_gridftp_server_intermediate_command(op, TIRVAL_SUCCESS,
+                                                       std::to_string(bytes).c_str());
+        }
+    }
+}
+
+void checksum(tirval_gfs_operation_t op, const tirval_gfs_command_info_t &info,
+              const fake_node_t &node)
+{
+    ++current->shared->checksums;
+    current->shared->checksum_offset = info.cksm_offset;
+    current->shared->checksum_length = info.cksm_length;
+    report_progress(op, node);
+    switch (node.checksum) {
+    case fake_checksum_t::fail:
+        tirval_gridftp_server_finished_command(op, put({451, "TOO_BUSY", "busy"}), nullptr);
+        return;
+    case fake_checksum_t::silent_until_cancelled:
+        wait_until_cancelled();
+        tirval_gridftp_server_finished_command(op, tirval_gfs_cancel_error(), nullptr);
+        return;
+    case fake_checksum_t::wait:
+        while (!current->shared->proceed) {
+            usleep(1000);
+        }
+        break;
+    case fake_checksum_t::as_told:
+        break;
+    }
+    const auto text = node.checksums.find(info.cksm_alg);
+    tirval_gridftp_server_finished_command(
+        op, TIRVAL_SUCCESS, text == node.checksums.end() ? nullptr : text->second.c_str());
+}
+
+void command(tirval_gfs_operation_t op, tirval_gfs_command_info_t *info, void *user_arg)
+{
+    check_path(info->pathname);
+    auto &session = *static_cast<fake_session_t *>(user_arg);
+    if (info->command != TIRVAL_GFS_CMD_CKSM) {
+        const auto result = fake_change(*info, *current, session.missing);
+        tirval_gridftp_server_finished_command(op, result, nullptr);
+        return;
+    }
+    const fake_node_t *node = find(session, info->pathname);
+    if (node != nullptr) {
+        checksum(op, *info, *node);
+    } else {
+        tirval_gridftp_server_finished_command(op, not_found(info->pathname), nullptr);
+    }
+}
+
+void recv(tirval_gfs_operation_t op, tirval_gfs_transfer_info_t *info, void *user_arg)
+{
+    check_path(info->pathname);
+    auto &session = *static_cast<fake_session_t *>(user_arg);
+    const fake_node_t *parent = find(session, server::parent_path(info->pathname));
+    const auto result = parent == nullptr ? not_found(info->pathname)
+                                          : fake_store(op, *info, *current, session.uploads);
+    if (current->nodes.contains(info->pathname)) {
+        session.missing.erase(info->pathname);
     }
     tirval_gridftp_server_finished_transfer(op, result);
 }
@@ -389,6 +479,16 @@ fake_node_t &fake_storage_t::add_generated(const std::string &path, std::int64_t
     return node;
 }
 
+std::vector<std::string> fake_storage_t::commands() const
+{
+    std::istringstream text(std::string(shared->commands.data(), shared->commands_size));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(text, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 char fake_byte(std::int64_t offset)
 {
     return static_cast<char>((offset * 31 + (offset >> 12) * 7) & 0xFF);
@@ -396,15 +496,17 @@ char fake_byte(std::int64_t offset)
 
 const tirval_gfs_storage_iface_t &fake_storage_interface()
 {
-    static const tirval_gfs_storage_iface_t interface = [] {
+    static tirval_gfs_storage_iface_t interface = [] {
         tirval_gfs_storage_iface_t table{};
-        table.descriptor = TIRVAL_GFS_DSI_DESCRIPTOR_BLOCKING | TIRVAL_GFS_DSI_DESCRIPTOR_RANGES;
         table.init_func = start;
         table.destroy_func = destroy;
         table.stat_func = stat;
         table.send_func = send;
+        table.recv_func = recv;
+        table.command_func = command;
         return table;
     }();
+    interface.descriptor = current->descriptor;
     return interface;
 }
 

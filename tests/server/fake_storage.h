@@ -10,6 +10,7 @@
 
 #include "tirval_gfs_host.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <ctime>
@@ -26,6 +27,22 @@ struct fake_storage_shared_t {
     std::atomic<int> stats{0};
     std::atomic<int> lists{0};
     std::atomic<int> sends{0};
+    std::atomic<std::int64_t> send_offset{-1}; /* of the last range sent */
+    std::atomic<std::int64_t> send_length{-1};
+    std::atomic<int> checksums{0}; /* asked for by command */
+    std::atomic<std::int64_t> checksum_offset{-1};
+    std::atomic<std::int64_t> checksum_length{0};
+    std::atomic<bool> proceed{false}; /* checksums that wait go on */
+    std::atomic<int> recvs{0};
+    std::atomic<int> stores{0};               /* that were completed */
+    std::atomic<int> probes{0};               /* reads registered for the end of a client's data */
+    std::atomic<std::int64_t> store_size{-1}; /* of the last store, as the storage was told */
+    std::atomic<bool> store_truncates{false};
+    std::atomic<std::int64_t> store_offset{-1};
+    std::atomic<std::int64_t> store_modified{-1};
+    std::atomic<bool> storing{false};  /* a store that is silent has begun */
+    std::array<char, 4096> commands{}; /* that change the tree, each ended by LF */
+    std::atomic<std::size_t> commands_size{0};
     std::atomic<int> paths_not_canonical{0};
     std::atomic<bool> credential_is_clean{false}; /* what was given holds what it should, no more */
     std::atomic<bool> policy_given{false};
@@ -44,10 +61,18 @@ enum class fake_send_t {
     fail_before_begin,
     fail_after_some,    /* 1,000 bytes, then a generic error */
     short_of_announced, /* success, though the range was not delivered to its end */
+    repeated,           /* half of the range, then all of it from its first byte */
     success_without_begin,
     until_cancelled,        /* sends a little for ever */
     silent_until_cancelled, /* sends nothing for ever */
     deaf_sleep              /* sends a little, sleeps a second whatever is asked, then goes on */
+};
+
+enum class fake_checksum_t {
+    as_told,
+    fail,
+    wait,                  /* after its progress reports, until told to proceed */
+    silent_until_cancelled /* never answers by itself */
 };
 
 enum class fake_list_t { whole, fail_at_once, fail_after_two_batches, endless };
@@ -56,11 +81,35 @@ struct fake_node_t {
     bool folder = false;
     std::string content; /* of a file, unless `size` says that it is generated */
     std::int64_t size = -1;
+    std::int64_t size_told = -1; /* what a stat says instead, once the file has changed */
     std::time_t modified = 0;
     bool hidden = false; /* missing until revealed */
     fake_send_t send = fake_send_t::whole;
     fake_list_t list = fake_list_t::whole;
-    std::vector<std::string> odd_names; /* listed in addition, as files */
+    fake_checksum_t checksum = fake_checksum_t::as_told;
+    /* By the algorithm's name; an algorithm that is not here is answered with no text. */
+    std::map<std::string, std::string> checksums;
+    std::vector<std::int64_t> checksum_progress; /* bytes reported, where reports are wanted */
+    std::vector<std::string> odd_names;          /* listed in addition, as files */
+};
+
+/* How the stores of a path go wrong. */
+struct fake_store_plan_t {
+    fake_error_t refusal;              /* with a message: before the transfer begins */
+    std::vector<std::int64_t> fail_at; /* the part from each offset fails, once for each entry */
+    fake_error_t part_error{0, "", "the service broke off"};
+    bool nameless = false;      /* the result names no error object */
+    bool without_begin = false; /* success at once, with nothing stored */
+    bool silent = false;        /* takes nothing and answers only when cancelled */
+};
+
+/* How a command that changes the tree is answered. */
+struct fake_change_plan_t {
+    fake_error_t error; /* with a message it fails */
+    int status = 204;   /* of the service's answer; 0: none came */
+    bool applies = true;
+    bool reveals = false;         /* hidden nodes exist from now on */
+    bool until_cancelled = false; /* waits for that before anything else */
 };
 
 struct fake_storage_t {
@@ -73,11 +122,18 @@ struct fake_storage_t {
     fake_node_t &add_file(const std::string &path, const std::string &content);
     /* A file whose byte at n is fake_byte(n). */
     fake_node_t &add_generated(const std::string &path, std::int64_t size);
+    /* The commands run so far that change the tree, "VERB path". */
+    std::vector<std::string> commands() const;
 
     std::map<std::string, fake_node_t> nodes; /* by canonical path */
     std::map<std::string, fake_error_t> stat_errors;
-    fake_error_t start_error;      /* with a message the start fails */
-    bool start_hangs = false;      /* until cancelled, and a second more */
+    std::map<std::string, fake_store_plan_t> store_plans; /* by path */
+    /* By path, for one command after the other; with none left all goes well. */
+    std::map<std::string, std::vector<fake_change_plan_t>> change_plans;
+    fake_error_t start_error; /* with a message the start fails */
+    bool start_hangs = false; /* until cancelled, and a second more */
+    int descriptor = TIRVAL_GFS_DSI_DESCRIPTOR_BLOCKING | TIRVAL_GFS_DSI_DESCRIPTOR_RANGES;
+    std::string checksum_support;  /* announced at each start, unless empty */
     bool wants_credential = false; /* the start fails without one, and notes the policy */
     fake_storage_shared_t *shared; /* never null */
 };

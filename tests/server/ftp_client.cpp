@@ -190,6 +190,34 @@ ftp_client_t::transfer_t ftp_client_t::transfer(std::string_view command)
     return result;
 }
 
+ftp_client_t::transfer_t ftp_client_t::store(std::string_view command, std::string_view data)
+{
+    transfer_t result;
+    server::unique_fd_t connection = connect_data(extended_passive());
+    const ftp_reply_t first = ask(command);
+    result.opening = result.final = first.code;
+    result.opening_text = result.final_text = first.text();
+    if (first.code == 150) {
+        send_to_peer(connection.get(), data);
+        connection.reset();
+        const ftp_reply_t last = read_reply();
+        result.final = last.code;
+        result.final_text = last.text();
+    }
+    return result;
+}
+
+void send_to_peer(int descriptor, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t sent = ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent < 0) {
+            return;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(sent));
+    }
+}
+
 std::string read_to_end(int descriptor)
 {
     std::string all;

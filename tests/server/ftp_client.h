@@ -65,6 +65,8 @@ class ftp_client_t {
     };
     /* EPSV, the command, the data to its end, the replies. */
     transfer_t transfer(std::string_view command);
+    /* EPSV, the command, the data and its end, the replies.  A server may refuse to take it all. */
+    transfer_t store(std::string_view command, std::string_view data);
 
   private:
     std::string read_line();
@@ -73,6 +75,8 @@ class ftp_client_t {
     std::string received_;
 };
 
+/* Sends all of it, or as much as the peer takes. */
+void send_to_peer(int descriptor, std::string_view bytes);
 /* Everything until the peer closes. */
 std::string read_to_end(int descriptor);
 /* Waits until the descriptor is readable; throws after ten seconds. */

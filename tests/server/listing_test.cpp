@@ -95,15 +95,16 @@ TEST(Facts, OfAFileAreExact)
 {
     const std::string text = facts_text(file(1024, noon_2024_01_15), entry_kind_t::child,
                                         "/My files/a.txt", fact_set_t(), anna);
-    EXPECT_TRUE(text.starts_with("type=file;size=1024;modify=20240115123000;perm=r;unique="))
+    EXPECT_TRUE(text.starts_with("type=file;size=1024;modify=20240115123000;perm=dfrw;unique="))
         << text;
     EXPECT_TRUE(text.ends_with(";UNIX.mode=0640;UNIX.owner=anna;UNIX.group=users;")) << text;
 }
 
 TEST(Facts, OfAFolderHaveNoSize)
 {
-    const std::string text = facts_text(folder(), entry_kind_t::child, "/d", fact_set_t(), anna);
-    EXPECT_TRUE(text.starts_with("type=dir;modify=20240115123000;perm=el;unique=")) << text;
+    const std::string text =
+        facts_text(folder(), entry_kind_t::child, "/My files/d", fact_set_t(), anna);
+    EXPECT_TRUE(text.starts_with("type=dir;modify=20240115123000;perm=cdeflmp;unique=")) << text;
 }
 
 TEST(Facts, ATimeThatIsNotKnownIsLeftOut)

@@ -366,6 +366,7 @@ TEST_F(Session, AnswersEachCommandAsItsStateDemands)
         {"MLSD", 530, 425},
         {"RETR a.txt", 530, 425},
         {"RETR", 530, 501},
+        {"STOR x", 530, 425},
         {"STAT a.txt", 530, 213},
         {"STAT docs", 530, 212},
         {"STAT nowhere", 530, 550},
@@ -388,11 +389,22 @@ TEST_F(Session, AnswersEachCommandAsItsStateDemands)
         {"EPSV 2", 530, 522},
         {"EPSV 3", 530, 522},
         {"EPSV x", 530, 501},
-        {"STOR x", 530, 502},
-        {"MKD x", 530, 502},
-        {"SITE HELP", 530, 502},
-        {"RNFR a.txt", 530, 502},
-        {"CKSM MD5 0 -1 a.txt", 530, 502},
+        {"MKD x", 530, 257},
+        {"SITE HELP", 530, 214},
+        {"RNFR a.txt", 530, 350},
+        {"RNTO docs", 530, 553},
+        {"RNTO b.txt", 530, 503},
+        {"DELE nowhere", 530, 550},
+        {"RMD nowhere", 530, 550},
+        {"SITE UTIME 20240115123000 a.txt", 530, 504}, /* nor sets it times */
+        {"MFMT 20240115123000 a.txt", 530, 502},
+        {"CKSM MD5 0 -1 a.txt", 530, 502}, /* this storage has no checksums */
+        {"HASH a.txt", 530, 502},
+        {"RANG 0 1", 530, 350},
+        {"RANG 1 0", 530, 350},
+        {"RANG 2 1", 530, 501},
+        {"OPTS CKSM markers=5;", 200, 200},
+        {"OPTS HASH", 530, 501},
     };
     ftp_client_t &before = connected();
     for (const row_t &row : rows) {
@@ -410,7 +422,7 @@ TEST_F(Session, TellsWhatItOffersAndNothingElse)
     ftp_client_t &client = logged_in();
     EXPECT_THAT(client.ask("FEAT").lines,
                 ElementsAre("211-Extensions supported:", " UTF8", " TVFS", " EPSV", " EPRT",
-                            " SIZE", " MDTM", " CLNT", " REST STREAM",
+                            " SIZE", " MDTM", " CLNT", " REST STREAM", " RANG STREAM",
                             " MLST type*;size*;modify*;perm*;unique*;UNIX.mode*;UNIX.owner*;"
                             "UNIX.group*;",
                             "211 End"));
@@ -425,7 +437,7 @@ TEST_F(Session, TellsWhatItOffersAndNothingElse)
     EXPECT_THAT(client.ask("MLST a.txt").lines, Contains("  /My files/a.txt"));
     const ftp_reply_t help = client.ask("HELP");
     EXPECT_THAT(help.lines, Contains(" RETR"));
-    EXPECT_THAT(help.lines, Not(Contains(" STOR")));
+    EXPECT_THAT(help.lines, Not(Contains(" AUTH")));
     EXPECT_EQ(client.ask("SYST").last(), "215 UNIX Type: L8");
 }
 

@@ -640,10 +640,10 @@ TEST_F(Transfer, MachineListingsHaveExactFacts)
     ftp_client_t &client = logged_in();
     EXPECT_EQ(client.code_of("OPTS MLST type;size;modify;perm;"), 200);
     const auto result = client.transfer("MLSD docs");
-    EXPECT_EQ(result.data, "type=cdir;perm=el; .\r\n"
-                           "type=pdir;perm=el; ..\r\n"
-                           "type=file;size=1;modify=20240115123000;perm=r; b.bin\r\n"
-                           "type=file;size=2;modify=20240115123000;perm=r; c.txt\r\n");
+    EXPECT_EQ(result.data, "type=cdir;perm=cdeflmp; .\r\n"
+                           "type=pdir;perm=celmp; ..\r\n"
+                           "type=file;size=1;modify=20240115123000;perm=dfrw; b.bin\r\n"
+                           "type=file;size=2;modify=20240115123000;perm=dfrw; c.txt\r\n");
     EXPECT_EQ(result.final, 226);
     EXPECT_EQ(client.code_of("OPTS MLST type;"), 200);
     EXPECT_EQ(client.transfer("MLSD /").data, "type=cdir; .\r\ntype=dir; My files\r\n");

@@ -167,6 +167,12 @@ http_peer_answer &http_peer_answer::drop_body()
     return *this;
 }
 
+http_peer_answer &http_peer_answer::stop_body_after(std::size_t bytes)
+{
+    most_body = bytes;
+    return *this;
+}
+
 http_peer_answer &http_peer_answer::read_slowly(std::size_t block,
                                                 std::chrono::milliseconds pause_between)
 {
@@ -300,6 +306,8 @@ void http_peer_connection::read_counted(std::size_t index, std::size_t length,
                                         const http_peer_answer &answer)
 {
     std::string buffer(answer.read_block, '\0');
+    const bool whole = length <= answer.most_body;
+    length = std::min(length, answer.most_body);
     while (length > 0) {
         if (!input.empty()) {
             const auto used = std::min(length, input.size());
@@ -319,7 +327,7 @@ void http_peer_connection::read_counted(std::size_t index, std::size_t length,
         length -= got;
     }
     const std::lock_guard lock(state.mutex);
-    state.requests[index].body_complete = true;
+    state.requests[index].body_complete = whole;
 }
 
 void http_peer_connection::read_chunked(std::size_t index, const http_peer_answer &answer)

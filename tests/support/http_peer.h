@@ -70,6 +70,8 @@ class http_peer_answer {
     http_peer_answer &before_body();
     /* Reads the request's body without keeping it: body_size only. */
     http_peer_answer &drop_body();
+    /* Reads only so many bytes of a request's counted body; the steps must end the connection. */
+    http_peer_answer &stop_body_after(std::size_t bytes);
     /* Reads the request's body in blocks of at most `block` bytes with a pause before each. */
     http_peer_answer &read_slowly(std::size_t block, std::chrono::milliseconds pause_between);
 
@@ -85,6 +87,7 @@ class http_peer_answer {
     std::vector<step> steps;
     bool early = false;
     bool keeps_body = true;
+    std::size_t most_body = SIZE_MAX;
     std::size_t read_block = 65536;
     std::chrono::milliseconds read_pause{};
 };

@@ -165,6 +165,9 @@ const tirval_gfs_backend_t *memory_backend::functions()
         all.flush = flush;
         all.receive = receive;
         all.receive_descriptor = receive_descriptor;
+        all.stored_up_to = [](void *host, tirval_off_t offset) {
+            self(host).stored_up_to.push_back(offset);
+        };
         all.register_read = register_read;
         return all;
     }();
@@ -188,6 +191,7 @@ void memory_backend::forget()
     begins = ranges_asked = flushes = receives = reads_registered = 0;
     sent.clear();
     sent_blocks.clear();
+    stored_up_to.clear();
     received = 0;
     texts_.clear();
     next_range_ = 0;
@@ -501,6 +505,9 @@ tirval_result_t memory_backend::receive(void *host, void *buffer, tirval_size_t 
                                         tirval_size_t *received, bool *would_block)
 {
     memory_backend &client = self(host);
+    if (wait && client.on_receive) {
+        client.on_receive();
+    }
     std::unique_lock<std::mutex> guard(client.lock_);
     ++client.receives;
     *received = 0;

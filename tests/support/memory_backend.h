@@ -136,6 +136,7 @@ class memory_backend {
     std::optional<size_t> unhurried; /* bytes that are there without waiting; unset: all */
     memory_read reads = memory_read::at_once;
     std::chrono::milliseconds read_delay{50};
+    std::function<void()> on_receive;  /* before each receive that may wait */
     std::function<void()> on_register; /* after an accepted registration, on the entry's thread */
 
     /* ---- What was recorded ---- */
@@ -156,6 +157,7 @@ class memory_backend {
     int flushes = 0;
     size_t received = 0; /* bytes that the storage got, by receiving or registered reads */
     int receives = 0;
+    std::vector<tirval_off_t> stored_up_to; /* in order */
     int reads_registered = 0;
     std::string sent_bytes() const; /* all pieces together */
 
