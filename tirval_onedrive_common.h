@@ -493,8 +493,8 @@ typedef struct tirval_i_onedrive_cksm_state_s {
     tirval_gfs_checksum_t ctx;
 } tirval_i_onedrive_cksm_state_t;
 
-/* Answers a checksum: the stored one of the whole file, or one computed from a download.  A positive
- * length is computed over and over, until a download fails. */
+/* Answers a checksum: the stored one of the whole file, or one computed from a download.  A
+ * positive length is computed over and over, until a download fails. */
 TIRVAL_API void tirval_i_onedrive_cksm(tirval_gfs_operation_t op, tirval_gfs_command_info_t *info,
                                        void *user_arg);
 /* Takes a block of the download; the argument is the tirval_i_onedrive_cksm_state_t. */
@@ -513,10 +513,9 @@ TIRVAL_API void tirval_i_onedrive_recv(tirval_gfs_operation_t op,
  * entry_out  zeroed; filled from the item's new description.  The caller frees its texts, also
  *            after a failure.  Null: not wanted
  */
-TIRVAL_API tirval_result_t tirval_i_onedrive_update_metadata(tirval_onedrive_handle_t *handle,
-                                                             const char *path, const char *modtime,
-                                                             const char *name,
-                                                             tirval_onedrive_path_info_t *entry_out);
+TIRVAL_API tirval_result_t tirval_i_onedrive_update_metadata(
+    tirval_onedrive_handle_t *handle, const char *path, const char *modtime, const char *name,
+    tirval_onedrive_path_info_t *entry_out);
 
 /*
  * Stores a file with one request: its content, then the modification time that the client gave.

@@ -44,12 +44,12 @@ void parse(std::string_view input)
 
 } // namespace
 
-TIRVAL_FUZZ_ENTRY(
-    UploadSession,
-    (fuzz::entry{parse,
-                 {"{\"uploadUrl\":\"https://up.example/s?t=1\",\"expirationDateTime\":"
-                  "\"2024-05-02T09:27:03Z\",\"nextExpectedRanges\":[\"0-\"]}",
-                  "{\"uploadUrl\":\"https://up.example/%u00e4'!\"}",
-                  "{\"expirationDateTime\":\"never\"}", "{\"uploadUrl\":7}",
-                  "{\"uploadUrl\":null,\"expirationDateTime\":{}}", "{}", "[]"},
-                 60000}))
+TIRVAL_FUZZ_ENTRY(UploadSession,
+                  (fuzz::entry{
+                      parse,
+                      {"{\"uploadUrl\":\"https://up.example/s?t=1\",\"expirationDateTime\":"
+                       "\"2024-05-02T09:27:03Z\",\"nextExpectedRanges\":[\"0-\"]}",
+                       "{\"uploadUrl\":\"https://up.example/%u00e4'!\"}",
+                       "{\"expirationDateTime\":\"never\"}", "{\"uploadUrl\":7}",
+                       "{\"uploadUrl\":null,\"expirationDateTime\":{}}", "{}", "[]"},
+                      60000}))

@@ -74,27 +74,49 @@ void parse(std::string_view input)
                                               (command.verb == "PORT" || command.verb == "EPRT")),
                   "an address that is accepted is set up");
     fuzz::require(state.restart_at >= 0, "a restart is in the file");
-    fuzz::require(!state.range || (state.range->first >= 0 &&
-                                   state.range->last >= state.range->first),
+    fuzz::require(!state.range ||
+                      (state.range->first >= 0 && state.range->last >= state.range->first),
                   "a range has bytes");
     fuzz::require(state.marker_interval.count() >= 0, "time goes on");
 }
 
 } // namespace
 
-TIRVAL_FUZZ_ENTRY(
-    Parameters,
-    (fuzz::entry{parse,
-                 {"PORT 192,0,2,7,156,64", "PORT 10,0,0,1,0,21", "PORT 192,0,2,7,256,1",
-                  "EPRT |1|192.0.2.7|40001|", "EPRT |2|::ffff:192.0.2.7|40001|", "EPRT |3|x|1|",
-                  "EPRT ,1,192.0.2.7,65536,", "OPTS MLST type;size;modify;UNIX.mode;", "OPTS MLST",
-                  "OPTS UTF8 ON", "REST 9223372036854775807", "REST -1", "TYPE A N", "TYPE L 8",
-                  "MODE S", "STRU F", "ALLO 123 R 4", "HELP port", "RANG 0 99",
-                  "RANG 1 0", "RANG 9223372036854775807 9223372036854775807",
-                  "CKSM MD5 0 -1 a b.txt", "CKSM sha1 9223372036854775807 1 /x", "CKSM MD5 0",
-                  "HASH \"a b.txt\"", "SITE HELP", "SITE RDEL a", "SITE CHMOD 0644 a",
-                  "SITE STORATTR modify=20240229123000;", "SITE UTIME 202402291230 a b",
-                  "SITE UTIME a 20240115123000 20240115123000 20240115123000 UTC",
-                  "MFMT 20230229000000 a", "MFMT 99991231235959.999 a", "OPTS HASH SHA-1",
-                  "OPTS CKSM markers=5;"},
-                 60000}))
+TIRVAL_FUZZ_ENTRY(Parameters,
+                  (fuzz::entry{parse,
+                               {"PORT 192,0,2,7,156,64",
+                                "PORT 10,0,0,1,0,21",
+                                "PORT 192,0,2,7,256,1",
+                                "EPRT |1|192.0.2.7|40001|",
+                                "EPRT |2|::ffff:192.0.2.7|40001|",
+                                "EPRT |3|x|1|",
+                                "EPRT ,1,192.0.2.7,65536,",
+                                "OPTS MLST type;size;modify;UNIX.mode;",
+                                "OPTS MLST",
+                                "OPTS UTF8 ON",
+                                "REST 9223372036854775807",
+                                "REST -1",
+                                "TYPE A N",
+                                "TYPE L 8",
+                                "MODE S",
+                                "STRU F",
+                                "ALLO 123 R 4",
+                                "HELP port",
+                                "RANG 0 99",
+                                "RANG 1 0",
+                                "RANG 9223372036854775807 9223372036854775807",
+                                "CKSM MD5 0 -1 a b.txt",
+                                "CKSM sha1 9223372036854775807 1 /x",
+                                "CKSM MD5 0",
+                                "HASH \"a b.txt\"",
+                                "SITE HELP",
+                                "SITE RDEL a",
+                                "SITE CHMOD 0644 a",
+                                "SITE STORATTR modify=20240229123000;",
+                                "SITE UTIME 202402291230 a b",
+                                "SITE UTIME a 20240115123000 20240115123000 20240115123000 UTC",
+                                "MFMT 20230229000000 a",
+                                "MFMT 99991231235959.999 a",
+                                "OPTS HASH SHA-1",
+                                "OPTS CKSM markers=5;"},
+                               60000}))
