@@ -44,8 +44,10 @@ static char *tirval_l_onedrive_range_text(const tirval_i_onedrive_content_t *con
 {
     const long first = static_cast<long>(content->offset);
     if (content->length != -1) {
-        return tirval_common_create_string("bytes=%ld-%ld", first,
-                                           static_cast<long>(first + content->length - 1));
+        /* Without a sign: the client chooses both numbers, and their sum may not fit. */
+        const uint64_t last =
+            static_cast<uint64_t>(content->offset) + static_cast<uint64_t>(content->length) - 1;
+        return tirval_common_create_string("bytes=%ld-%ld", first, static_cast<long>(last));
     }
     return first == 0 ? nullptr : tirval_common_create_string("bytes=%ld-", first);
 }

@@ -350,7 +350,8 @@ tirval_result_t tirval_onedrive_upload_session_parse(json_t *json,
     return TIRVAL_ONEDRIVE_LOG_RESULT(TIRVAL_SUCCESS);
 }
 
-/* The request's body: what the item is to be.  An existing file is replaced. */
+/* The request's body: what the item is to be.  An existing file is replaced.  A name that is not
+ * UTF-8 has no JSON form. */
 static tirval_result_t tirval_l_onedrive_session_body(const tirval_l_onedrive_store_t &store,
                                                       tirval_i_onedrive_text_t *body)
 {
@@ -367,6 +368,9 @@ static tirval_result_t tirval_l_onedrive_session_body(const tirval_l_onedrive_st
     const tirval_i_onedrive_json_t json(json_pack("{s:{s:s,s:o*,s:s}}", "item",
                                                   "@microsoft.graph.conflictBehavior", "replace",
                                                   "fileSystemInfo", times, "name", name));
+    if (json == nullptr) {
+        return tirval_i_onedrive_path_error("INVALID_PATH_NAME", "<Invalid Name>");
+    }
     body->reset(json_dumps(json.get(), 0));
     return *body == nullptr ? tirval_i_onedrive_malloc_error() : TIRVAL_SUCCESS;
 }

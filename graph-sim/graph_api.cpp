@@ -55,7 +55,7 @@ std::vector<const item *> sorted_children(const item &folder, const std::string 
     const std::string_view field = std::string_view(order).substr(0, blank);
     const std::string_view direction = std::string_view(order).substr(blank);
     const bool known = field == "name" || field == "size" || field == "lastModifiedDateTime";
-    if (!known || (direction != "" && direction != " asc" && direction != " desc")) {
+    if (!known || (!direction.empty() && direction != " asc" && direction != " desc")) {
         throw api_error(400, "invalidRequest", "The $orderby query option is not supported.",
                         "invalidQueryOption");
     }
@@ -169,7 +169,9 @@ response graph_api::redirect(const route &asked) const
 
 response graph_api::list_children(const route &asked) const
 {
-    const auto [home, folder] = where_.find(asked);
+    const auto found = where_.find(asked);
+    const auto *const home = found.home;
+    const auto *const folder = found.what;
     if (unchanged(*folder, home->kind())) {
         return empty_response(304);
     }

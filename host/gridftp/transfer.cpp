@@ -13,7 +13,6 @@ namespace {
 
 using tirval_gfs::download_state;
 using tirval_gfs::entry;
-using tirval_gfs::upload_state;
 
 constexpr const char *aborted_tag = "TRANSFER_ABORTED";
 constexpr const char *incomplete_tag = "TRANSFER_INCOMPLETE";

@@ -4,6 +4,8 @@
  */
 #include "checksum_names.h"
 
+#include "utf8.h"
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -15,22 +17,11 @@ namespace {
 constexpr std::array<std::pair<std::string_view, std::string_view>, 4> registered_names = {
     {{"SHA256", "SHA-256"}, {"SHA512", "SHA-512"}, {"SHA1", "SHA-1"}, {"MD5", "MD5"}}};
 
-char lower(char byte)
-{
-    return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
-}
-
-bool same_name(std::string_view one, std::string_view other)
-{
-    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                      [](char a, char b) { return lower(a) == lower(b); });
-}
-
 std::size_t rank_of(const checksum_name_t &name)
 {
     const auto *found =
         std::find_if(registered_names.begin(), registered_names.end(),
-                     [&](const auto &row) { return same_name(row.first, name.storage); });
+                     [&](const auto &row) { return equal_without_case(row.first, name.storage); });
     return static_cast<std::size_t>(found - registered_names.begin());
 }
 
@@ -39,7 +30,7 @@ std::optional<checksum_name_t> find_name(std::string_view announced, std::string
                                          member_t member)
 {
     for (checksum_name_t &candidate : parse_checksums(announced)) {
-        if (same_name(candidate.*member, name)) {
+        if (equal_without_case(candidate.*member, name)) {
             return std::move(candidate);
         }
     }

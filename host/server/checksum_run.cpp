@@ -5,6 +5,9 @@
 
 #include "commands.h"
 #include "reply.h"
+#include "vpath.h"
+
+#include "tirval_dsi_rest.h"
 
 #include <array>
 #include <cstdio>
@@ -173,6 +176,19 @@ class part_checksum_host_t final : public operation_host_t {
     bool range_given_ = false;
 };
 
+/* Sees to it that the storage does not answer with the same checksum again.  Its record of the file
+ * is renewed by a listing where the session cannot be opened anew. */
+void forget_checksum(storage_session_t &storage, const std::string &path)
+{
+    storage.distrust();
+    const bool renewed =
+        !storage.keeps_store() ||
+        !storage.list(parent_path(path), [](const item_t &, std::string_view, entry_kind_t) {});
+    if (!renewed) {
+        storage.open();
+    }
+}
+
 std::variant<std::string, failure_t> checksum_by_storage(operation_context_t &context,
                                                          const checksum_request_t &request)
 {
@@ -185,6 +201,13 @@ std::variant<std::string, failure_t> checksum_by_storage(operation_context_t &co
     storage_checksum_host_t host(context, request.marker_interval);
     if (auto failure = context.storage.command(info, host)) {
         return std::move(*failure);
+    }
+    /* A refused download without a body looks like one of nothing to the storage. */
+    const int status = tirval_dsi_rest_last_status();
+    const bool asked = status != 0;
+    if (asked && status / 100 != 2) {
+        forget_checksum(context.storage, request.path);
+        return make_failure(451, "The storage service did not deliver the file's content");
     }
     if (host.response().empty()) {
         return make_failure(451, "Storage gave no checksum");

@@ -61,6 +61,7 @@ struct operation_context_t {
     storage_session_t &storage;
     std::function<void(std::string reply)> announce; /* sends a preliminary reply */
     std::atomic<std::uint64_t> &bytes;               /* moved so far, for STAT */
+    std::function<bool()> client_sends_no_more;      /* it has closed its side, or is gone */
 };
 
 /* What comes of an operation. */

@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "path_rules.h"
 #include "reply.h"
+#include "utf8.h"
 #include "vpath.h"
 
 #include "tirval_dsi_rest.h"
@@ -22,8 +23,9 @@ constexpr int http_conflict = 409;
 
 enum class presence_t { there, gone, unknown };
 
-/* What the service itself shows of the item.  Also brings an item back into what the storage
- * remembers, when the session cannot be opened anew. */
+/* What the service itself shows of the item; to it, names that differ in case only are the same.
+ * Also brings an item back into what the storage remembers, when the session cannot be opened anew.
+ */
 presence_t look_afresh(storage_session_t &storage, const std::string &path)
 {
     storage.distrust();
@@ -34,7 +36,7 @@ presence_t look_afresh(storage_session_t &storage, const std::string &path)
     bool there = false;
     const auto failure = storage.list(
         parent_path(path), [&](const item_t &, std::string_view name, entry_kind_t kind) {
-            there = there || (kind == entry_kind_t::child && name == wanted);
+            there = there || (kind == entry_kind_t::child && equal_without_case(name, wanted));
         });
     if (there) {
         return presence_t::there;
@@ -136,7 +138,7 @@ std::optional<failure_t> remove_existing(storage_session_t &storage, tirval_gfs_
                                          const item_t &item, const std::string &path)
 {
     auto info = make_command(by, path);
-    const auto failure = run_change(storage, info);
+    auto failure = run_change(storage, info);
     const bool confirmed = tirval_dsi_rest_last_status() / 100 == 2;
     if (by != TIRVAL_GFS_CMD_DELE || item.is_folder()) {
         storage.distrust(); /* it remembers what was in the folder */

@@ -12,7 +12,10 @@
 #include "path_rules.h"
 #include "reply.h"
 #include "store_host.h"
+#include "utf8.h"
 #include "vpath.h"
+
+#include "tirval_dsi_rest.h"
 
 #include <array>
 #include <memory>
@@ -24,12 +27,13 @@ namespace {
 using steady_t = std::chrono::steady_clock;
 
 constexpr std::size_t receive_block_bytes = std::size_t{256} * 1024;
-/* A client that dies closes its data connection in order, too: the end of data counts only when the
- * control connection has outlived it. */
-constexpr std::chrono::milliseconds proof_of_life{10};
+/* For the session to find out that a client has gone which has closed its control connection. */
+constexpr std::chrono::seconds decision_limit{1};
 /* How often the server continues a store by itself after the first attempt. */
 constexpr int more_rounds = 3;
 constexpr int unique_name_attempts = 5;
+constexpr int http_conflict = 409;
+constexpr const char *append_tag = "APPEND_NOT_SUPPORTED";
 
 struct store_t {
     std::string_view verb;
@@ -54,11 +58,43 @@ failure_t tagged_failure(int code, const char *tag, const char *reason)
     return {.code = code, .tag = tag, .lines = {}, .reason = reason};
 }
 
+failure_t append_failure()
+{
+    return tagged_failure(553, append_tag, "Files cannot be appended to");
+}
+
+bool is_of_connection(const failure_t &failure)
+{
+    return failure.code == 425 || failure.code == 426;
+}
+
+/* Whether the service no longer has the upload that broke off, or has more of it than the storage
+ * knows, which it refuses to take twice. */
+bool is_upload_lost()
+{
+    constexpr int http_not_found = 404;
+    constexpr int http_gone = 410;
+    constexpr int http_range_not_satisfiable = 416;
+    const int status = tirval_dsi_rest_last_status();
+    return status == http_not_found || status == http_gone || status == http_range_not_satisfiable;
+}
+
 /* Whether the storage would refuse every further attempt to continue; it may like another offset
  * better. */
 bool is_final(const failure_t &failure)
 {
-    return failure.code >= 500 && failure.tag != "APPEND_NOT_SUPPORTED";
+    return is_upload_lost() || (failure.code >= 500 && failure.tag != append_tag);
+}
+
+/* Work accounts take one large upload of a file at a time, and hold on to one that broke off until
+ * they forget it.  Clients try again by themselves only what they are told is temporary. */
+void explain_conflict(failure_t &failure)
+{
+    if (!is_of_connection(failure) && tirval_dsi_rest_last_status() == http_conflict) {
+        failure.code = 450;
+        failure.reason = "The storage service still holds another upload of this file, perhaps one "
+                         "that broke off, try again later";
+    }
 }
 
 std::string random_letters(std::size_t count)
@@ -87,12 +123,15 @@ class store_run_t {
     std::optional<failure_t> prepare();
     std::optional<failure_t> choose_name();
     std::optional<failure_t> check_target();
+    std::optional<failure_t> check_missing();
     std::optional<failure_t> check_parent();
+    std::optional<failure_t> check_new();
     std::optional<failure_t> check_continuation();
 
     std::optional<failure_t> stream();
     std::optional<failure_t> take_in_and_store();
     std::optional<failure_t> take_in(spool_t &spool);
+    std::optional<failure_t> check_client();
     std::optional<failure_t> check_total(std::int64_t total) const;
     std::optional<failure_t> store_from(const spool_t &spool, std::int64_t total);
 
@@ -121,8 +160,7 @@ std::string store_run_t::run()
     }
     if (failure) {
         note_failure(*failure);
-        const bool of_connection = failure->code == 425 || failure->code == 426;
-        return failure_reply(*failure, of_connection ? "" : store_.path);
+        return failure_reply(*failure, is_of_connection(*failure) ? "" : store_.path);
     }
     storage_.forget_broken_store(store_.path);
     return single_reply(226, store_.unique ? unique_text() : "Transfer complete.");
@@ -135,10 +173,7 @@ std::optional<failure_t> store_run_t::prepare()
     if (store_.offset() > 0) {
         return check_continuation();
     }
-    if (store_.unique) {
-        return choose_name();
-    }
-    if (auto failure = check_target()) {
+    if (auto failure = store_.unique ? choose_name() : check_target()) {
         return failure;
     }
     if (storage_.broken_store(store_.path) == nullptr) {
@@ -153,13 +188,13 @@ std::optional<failure_t> store_run_t::check_target()
 {
     const auto found = storage_.stat(store_.path);
     if (const auto *failure = std::get_if<failure_t>(&found)) {
-        return failure->is_not_found() ? check_parent() : *failure;
+        return failure->is_not_found() ? check_missing() : *failure;
     }
     if (std::get<item_t>(found).is_folder()) {
         return make_failure(550, "Not a plain file");
     }
     if (store_.must_be_new) {
-        return tagged_failure(553, "APPEND_NOT_SUPPORTED", "Files cannot be appended to");
+        return append_failure();
     }
     return std::nullopt;
 }
@@ -176,6 +211,27 @@ std::optional<failure_t> store_run_t::check_parent()
     return std::nullopt;
 }
 
+/* What stands against a path that the storage does not know. */
+std::optional<failure_t> store_run_t::check_missing()
+{
+    auto failure = check_parent();
+    return !failure && (store_.must_be_new || store_.unique) ? check_new() : failure;
+}
+
+/* The storage tells names apart by their case and its service does not: a store would replace a
+ * file whose name differs in nothing else.  (How the service folds other letters than ASCII's is
+ * not known here.) */
+std::optional<failure_t> store_run_t::check_new()
+{
+    bool taken = false;
+    auto failure = storage_.list(
+        parent_path(store_.path), [&](const item_t &, std::string_view name, entry_kind_t kind) {
+            taken = taken || (kind == entry_kind_t::child &&
+                              equal_without_case(name, base_name(store_.path)));
+        });
+    return taken ? append_failure() : failure;
+}
+
 /* Tries the client's own wish first. */
 std::optional<failure_t> store_run_t::choose_name()
 {
@@ -186,7 +242,13 @@ std::optional<failure_t> store_run_t::choose_name()
     for (int n = 0; n < unique_name_attempts; ++n) {
         const auto found = storage_.stat(store_.path);
         if (const auto *failure = std::get_if<failure_t>(&found)) {
-            return failure->is_not_found() ? check_parent() : *failure;
+            if (!failure->is_not_found()) {
+                return *failure;
+            }
+            auto problem = check_missing();
+            if (!problem || problem->tag != append_tag) {
+                return problem;
+            }
         }
         store_.path = wish + "." + random_letters(8);
     }
@@ -199,7 +261,7 @@ std::optional<failure_t> store_run_t::check_continuation()
         return failure;
     }
     const auto *broken = storage_.broken_store(store_.path);
-    if (broken == nullptr) {
+    if (broken == nullptr || !broken->can_continue()) {
         return make_failure(554, "No store of this file can be continued");
     }
     rest_ = *broken;
@@ -248,7 +310,7 @@ std::optional<failure_t> store_run_t::stream()
     /* A client that sent too much, or does not want the file any more, continues nothing. */
     const bool wanted =
         receiver.delivered() <= total && tirval_gfs_cancelled() == TIRVAL_GFS_CANCEL_NONE;
-    if (failure && host.begun() && host.stored() > 0 && wanted) {
+    if (failure && host.begun() && host.stored() > 0 && wanted && !is_upload_lost()) {
         rest_ = {total, host.stored()};
     }
     /* What the storage makes of a lost connection is not the reason. */
@@ -290,9 +352,22 @@ std::optional<failure_t> store_run_t::take_in(spool_t &spool)
             return failure;
         }
     }
-    constexpr int no_connection = -1;
-    const auto result = wait_for_data(no_connection, 0, steady_t::now() + proof_of_life);
-    return result == wait_result_t::cancelled ? std::optional(cancelled_failure()) : std::nullopt;
+    return check_client();
+}
+
+/*
+ * A client that dies closes its data connection in order, too, so that the end of data alone does
+ * not say that this was all; but its control connection has ended before.  A client that has sent
+ * QUIT may have closed its side and counts: the session knows.
+ */
+std::optional<failure_t> store_run_t::check_client()
+{
+    if (context_.client_sends_no_more()) {
+        constexpr int no_connection = -1;
+        (void)wait_for_data(no_connection, 0, steady_t::now() + decision_limit);
+    }
+    const bool cancelled = tirval_gfs_cancelled() != TIRVAL_GFS_CANCEL_NONE;
+    return cancelled ? std::optional(cancelled_failure()) : std::nullopt;
 }
 
 /* Otherwise bytes of two files would be mixed. */
@@ -335,8 +410,10 @@ std::optional<failure_t> store_run_t::store_from(const spool_t &spool, std::int6
 void store_run_t::note_failure(failure_t &failure)
 {
     if (storage_ran_) {
-        storage_.forget_broken_store(store_.path);
+        /* Another store may keep the storage's session open, and with it what it remembers. */
+        storage_.remember_broken_store(store_.path, {});
         storage_.distrust();
+        explain_conflict(failure);
     }
     if (rest_) {
         storage_.remember_broken_store(store_.path, *rest_);

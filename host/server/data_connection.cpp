@@ -97,15 +97,18 @@ opened_t accept_client(const data_endpoint_t &endpoint, steady_t::time_point dea
         if (result != wait_result_t::ready) {
             return open_failure(result, "No data connection was made in time");
         }
-        unique_fd_t accepted(
-            accept4(endpoint.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        sockaddr_storage from{};
+        socklen_t size = sizeof from;
+        unique_fd_t accepted(accept4(endpoint.listener.get(), reinterpret_cast<sockaddr *>(&from),
+                                     &size, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!accepted) {
             if (is_shortage(errno)) {
                 return make_failure(425, "The data connection cannot be opened");
             }
             continue;
         }
-        const socket_address_t peer = socket_address_t::peer_of(accepted.get());
+        /* Asked of the socket, a client that has broken off already would have no address. */
+        const socket_address_t peer = socket_address_t::from(from);
         if (peer.same_host(endpoint.client)) {
             return accepted;
         }

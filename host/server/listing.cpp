@@ -6,6 +6,7 @@
 
 #include "log.h"
 #include "path_rules.h"
+#include "utf8.h"
 #include "vpath.h"
 
 #include <sys/stat.h>
@@ -79,15 +80,6 @@ std::string one_word(std::string_view name)
         word.begin(), word.end(),
         [](char byte) { return byte <= ' ' || byte == 0x7F || byte == ';'; }, '_');
     return word.empty() ? "user" : word;
-}
-
-bool equal_without_case(std::string_view left, std::string_view right)
-{
-    const auto lower = [](char byte) {
-        return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
-    };
-    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                      [&](char a, char b) { return lower(a) == lower(b); });
 }
 
 /* FNV-1a, 64 bits. */

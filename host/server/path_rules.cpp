@@ -75,7 +75,7 @@ std::optional<std::string> refuse_new_path(const std::string &path)
     }
     const std::string_view name = base_name(path);
     if (!is_utf8(name)) {
-        return single_reply(553, "The name is not UTF-8."); /* nor could the reply be, with it */
+        return single_reply(553, "The name is not UTF-8: " + path);
     }
     if (std::any_of(name.begin(), name.end(), is_control)) {
         return single_reply(553, "The name holds control characters: " + path);

@@ -4,6 +4,8 @@
  */
 #include "reply.h"
 
+#include "utf8.h"
+
 #include <charconv>
 
 namespace tirval::server {
@@ -64,7 +66,7 @@ std::string prefixed(int code, char separator, std::string_view text)
 
 std::string safe_text(std::string_view text)
 {
-    return without_control_bytes(text.substr(0, cut_position(text, max_reply_text_bytes)));
+    return as_utf8(without_control_bytes(text.substr(0, cut_position(text, max_reply_text_bytes))));
 }
 
 std::string single_reply(int code, std::string_view text)

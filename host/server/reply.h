@@ -16,8 +16,9 @@ namespace tirval::server {
 /* The longest text of a reply line that comes from elsewhere, in bytes. */
 inline constexpr std::size_t max_reply_text_bytes = 1000;
 
-/* `text` with each control byte (below 0x20, and 0x7f) as "?", cut to max_reply_text_bytes at a
- * character's border where it is UTF-8. */
+/* `text` with each control byte (below 0x20, and 0x7f) and each byte that is no UTF-8 as "?", cut
+ * to max_reply_text_bytes at a character's border.  Clients give up on replies that they cannot
+ * decode. */
 std::string safe_text(std::string_view text);
 
 /* "NNN text". */

@@ -32,6 +32,7 @@
 #include <grp.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 
 #include <array>
 #include <csignal>
@@ -94,6 +95,13 @@ void prepare_control(int descriptor)
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
+/* Whether the peer of the connection has closed its side, whatever of it is still unread. */
+bool peer_sends_no_more(int descriptor)
+{
+    pollfd polled{descriptor, POLLRDHUP, 0};
+    return poll(&polled, 1, 0) > 0;
+}
+
 class client_session_t final : public command_session_t {
   public:
     explicit client_session_t(session_context_t &&context);
@@ -146,6 +154,7 @@ class client_session_t final : public command_session_t {
     asio::io_context io_{1};
     session_context_t context_;
     asio::generic::stream_protocol::socket control_;
+    int control_descriptor_; /* the same connection, open until the operation thread has ended */
     asio::posix::stream_descriptor master_alive_;
     asio::signal_set signals_;
     asio::steady_timer login_timer_;
@@ -187,16 +196,15 @@ class client_session_t final : public command_session_t {
 };
 
 client_session_t::client_session_t(session_context_t &&context)
-    : context_(std::move(context)), control_(io_), master_alive_(io_), signals_(io_),
-      login_timer_(io_), idle_timer_(io_), delay_timer_(io_), shutdown_timer_(io_),
-      farewell_timer_(io_)
+    : context_(std::move(context)), control_(io_), control_descriptor_(context_.control.release()),
+      master_alive_(io_), signals_(io_), login_timer_(io_), idle_timer_(io_), delay_timer_(io_),
+      shutdown_timer_(io_), farewell_timer_(io_)
 {
-    const int descriptor = context_.control.release();
-    state_.local = socket_address_t::local_of(descriptor);
-    state_.client = socket_address_t::peer_of(descriptor);
-    prepare_control(descriptor);
-    control_.assign(asio::generic::stream_protocol(raw_family(descriptor), IPPROTO_TCP),
-                    descriptor);
+    state_.local = socket_address_t::local_of(control_descriptor_);
+    state_.client = socket_address_t::peer_of(control_descriptor_);
+    prepare_control(control_descriptor_);
+    control_.assign(asio::generic::stream_protocol(raw_family(control_descriptor_), IPPROTO_TCP),
+                    control_descriptor_);
     if (context_.master_alive) {
         master_alive_.assign(context_.master_alive.release());
     }
@@ -417,7 +425,7 @@ void client_session_t::end_session()
 void client_session_t::finish_operations()
 {
     error_code ignored;
-    control_.close(ignored);
+    control_.shutdown(asio::socket_base::shutdown_both, ignored);
     if (!operations_) {
         return;
     }
@@ -427,6 +435,7 @@ void client_session_t::finish_operations()
         leave_process(1);
     }
     operations_.reset();
+    control_.close(ignored);
     if (outcome_) {
         log_transfer_of(*outcome_); /* of a transfer that the session's end has broken off */
     }
@@ -448,10 +457,11 @@ void client_session_t::run(operation_t operation)
                 [this](std::string text) {
                     asio::post(io_, [this, text = std::move(text)] { announce(text); });
                 },
-                bytes_};
+                bytes_, [this] { return peer_sends_no_more(control_descriptor_); }};
             outcome = operation(context);
         } catch (const std::exception &error) {
             log_error("an operation failed: %s", error.what());
+            storage_->distrust(); /* it may have been left half-way */
             outcome = answer(single_reply(451, "Internal error of the server."));
         }
         outcome_ = std::move(outcome);

@@ -76,6 +76,14 @@ socket_address_t socket_address_t::peer_of(int descriptor)
     return address;
 }
 
+socket_address_t socket_address_t::from(const sockaddr_storage &storage)
+{
+    socket_address_t address;
+    address.storage_ = storage;
+    address.unmap();
+    return address;
+}
+
 std::uint16_t socket_address_t::port() const
 {
     return ntohs(family() == AF_INET ? read_as<sockaddr_in>(storage_).sin_port

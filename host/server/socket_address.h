@@ -24,6 +24,8 @@ class socket_address_t {
     /* The addresses of a connected socket; none on an error. */
     static socket_address_t local_of(int descriptor);
     static socket_address_t peer_of(int descriptor);
+    /* What a system call has filled in. */
+    static socket_address_t from(const sockaddr_storage &storage);
 
     int family() const { return storage_.ss_family; }
     std::uint16_t port() const;

@@ -9,6 +9,7 @@
 
 #include "tirval_dsi_rest.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace tirval::server {
@@ -148,7 +149,8 @@ void storage_session_t::drop_late_stores()
 bool storage_session_t::keeps_store()
 {
     drop_late_stores();
-    return !broken_stores_.empty();
+    return std::any_of(broken_stores_.begin(), broken_stores_.end(),
+                       [](const auto &entry) { return entry.second.store.can_continue(); });
 }
 
 bool storage_session_t::must_reopen()
@@ -226,6 +228,7 @@ std::optional<failure_t> storage_session_t::send(const std::string &path, std::i
 std::optional<failure_t> storage_session_t::recv(tirval_gfs_transfer_info_t &info,
                                                  operation_host_t &host)
 {
+    tirval_dsi_rest_clear_last_status();
     return run(host, [&] {
         tirval_gfs_run_recv(setup_.storage, handle_, &info, &operation_backend(), &host);
     });

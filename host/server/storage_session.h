@@ -78,7 +78,8 @@ class storage_session_t final : private session_settings_t {
     std::optional<failure_t> send(const std::string &path, std::int64_t known_size,
                                   operation_host_t &host);
 
-    /* Runs a store with `host` as its other side.  Nothing is refreshed: the path as for list(). */
+    /* Runs a store with `host` as its other side.  Nothing is refreshed: the path as for list().
+     * Afterwards tirval_dsi_rest_last_status() is as after command(). */
     std::optional<failure_t> recv(tirval_gfs_transfer_info_t &info, operation_host_t &host);
 
     /* Runs a command with `host` as its other side.  Nothing is refreshed: the path as for list().
@@ -95,13 +96,14 @@ class storage_session_t final : private session_settings_t {
      * next operation, unless a store waits to be continued. */
     void distrust() { distrusted_ = true; }
 
-    /* A store of announced size that broke off, and that the storage can continue as long as its
-     * session is open. */
+    /* A store that broke off, which the storage may remember as long as its session is open. */
     struct broken_store_t {
-        std::int64_t total;  /* bytes that the file was to have */
-        std::int64_t stored; /* bytes from the file's start that the service has */
+        std::int64_t total = -1; /* bytes that the file was to have; -1: nobody can continue it */
+        std::int64_t stored = 0; /* bytes from the file's start that the service has */
+
+        bool can_continue() const { return total >= 0; }
     };
-    /* Null when no store of the path waits to be continued. */
+    /* Null when no store of the path has broken off in this session of the storage. */
     const broken_store_t *broken_store(const std::string &path);
     /* Whether a store waits to be continued, so that the session is not opened anew. */
     bool keeps_store();

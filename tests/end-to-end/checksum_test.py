@@ -100,6 +100,17 @@ class Checksums(harness.EndToEnd):
                     self.assertRegex(str(error), "^[45]")
         self.assertEqual(self.answer(ftp, "SHA1", 0, -1, "broken.bin"), right)
 
+    def test_a_refused_download_gives_no_digest_and_none_is_remembered(self):
+        ftp = self.connect()
+        data = trees.content(300_000, 12)
+        self.store(ftp, "refused.bin", data)
+        for status in (410, 412, 416, 423):
+            self.graph.add_fault({"kind": "download", "count": 1}, {"status": status, "body": ""})
+            with self.assertRaisesRegex(ftplib.error_temp, "^451", msg=status):
+                ftp.sendcmd("CKSM SHA1 0 -1 refused.bin")
+            self.graph.clear_faults()
+        self.assertEqual(self.answer(ftp, "SHA1", 0, -1, "refused.bin"), hashlib.sha1(data).hexdigest())
+
     def test_the_hash_command(self):
         ftp = self.connect()
         data = trees.content(1000, 11)

@@ -189,12 +189,32 @@ class Interrupted(harness.EndToEnd):
         self.assert_stored("/mixed.bin", data)
 
     def test_a_fresh_store_after_a_broken_one_begins_anew(self):
-        ftp = self.connect()
+        ftp = self.connect("bob")
         data = trees.content(25 * MIB, 26)
         self.break_off(ftp, "anew.bin", len(data), 15 * MIB, data)
         again = trees.content(15 * MIB, 27)
         self.assertIn("226", self.store(ftp, "anew.bin", again, announced=True))
+        self.assert_stored("/anew.bin", again, "bob")
+
+    def test_a_work_drive_takes_a_fresh_store_once_the_broken_ones_session_has_ended(self):
+        ftp = self.connect()
+        data = trees.content(25 * MIB, 26)
+        again = trees.content(15 * MIB, 27)
+        self.graph.call("POST", "/__sim/settings", {"session_lifetime_s": 1.5})
+        self.break_off(ftp, "anew.bin", len(data), 15 * MIB, data)
+        self.graph.call("POST", "/__sim/settings", {"session_lifetime_s": 900})
+        for announced in (True, False):
+            with self.assertRaisesRegex(ftplib.error_temp, "^450(.|\n)*An upload session already exists"):
+                self.store(ftp, "anew.bin", again, announced=announced)
+        harness.wait_for(lambda: self.stores(ftp, "anew.bin", again), "the session's end")
         self.assert_stored("/anew.bin", again)
+
+    def stores(self, ftp, path, data):
+        try:
+            self.store(ftp, path, data, announced=True)
+            return True
+        except ftplib.error_temp:
+            return False
 
     def test_there_is_nothing_to_continue_without_a_broken_store(self):
         ftp = self.connect()

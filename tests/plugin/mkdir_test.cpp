@@ -120,6 +120,19 @@ TEST_F(MakeFolder, NothingIsMadeInTheVirtualRoot)
     EXPECT_THAT(peer.requests(), IsEmpty());
 }
 
+using MakeFolderDeathTest = MakeFolder;
+
+TEST_F(MakeFolderDeathTest, APathWithoutASlashIsAProgrammingError)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    tirval_gfs_command_info_t info = {};
+    info.pathname = "d";
+    EXPECT_DEATH(host.in_command([&](tirval_gfs_operation_t op) {
+        tirval_i_onedrive_mkdir(op, &info, session.handle());
+    }),
+                 "name != NULL");
+}
+
 TEST_F(MakeFolder, AFolderThatIsThereIsSuccessWithoutARequest)
 {
     session.enter("/My files", "d", "id-d");
@@ -322,8 +335,9 @@ TEST_F(MakeFolder, AFailureIsWrittenWithItsChain)
 {
     debug_trace trace(TIRVAL_ONEDRIVE_ERROR);
     EXPECT_FALSE(make("/x"));
-    EXPECT_THAT(trace.text(), testing::ContainsRegex(
-                                  "tirval_i_onedrive_mkdir: exit: result=0x[0-9a-f]+ message="));
+    EXPECT_THAT(trace.text(),
+                testing::ContainsRegex("tirval_i_onedrive_mkdir: exit: result=0x[0-9a-f]+ "
+                                       "message=(.|\n)*Invalid path for a write operation"));
 }
 
 } // namespace

@@ -252,12 +252,13 @@ class RecvRefused : public RecvFault {
         EXPECT_EQ(host.answers, 1);
     }
     const refusing_port nobody;
+    const std::string nobodys_url = nobody.url("");
     const debug_trace trace{TIRVAL_ONEDRIVE_DEBUG};
 };
 
 TEST_F(RecvRefused, AtTheContentIsTriedThreeTimes)
 {
-    tirval_i_onedrive_graph_url = nobody.url.c_str();
+    tirval_i_onedrive_graph_url = nobodys_url.c_str();
     EXPECT_FALSE(store(small));
     expect_attempts(3);
     expect_state_after_failure(place::content);
@@ -267,7 +268,7 @@ TEST_F(RecvRefused, AtTheTimeIsTriedTwiceAfterTheContent)
 {
     service.answer(stored());
     host.modification_time = 0;
-    host.on_begin = [&] { tirval_i_onedrive_graph_url = nobody.url.c_str(); };
+    host.on_begin = [&] { tirval_i_onedrive_graph_url = nobodys_url.c_str(); };
     EXPECT_FALSE(store(small));
     expect_attempts(1 + 2);
     expect_state_after_failure(place::time);
@@ -275,7 +276,7 @@ TEST_F(RecvRefused, AtTheTimeIsTriedTwiceAfterTheContent)
 
 TEST_F(RecvRefused, AtTheSessionIsTriedThreeTimes)
 {
-    tirval_i_onedrive_graph_url = nobody.url.c_str();
+    tirval_i_onedrive_graph_url = nobodys_url.c_str();
     EXPECT_FALSE(store(large));
     expect_attempts(3);
     expect_state_after_failure(place::session);
@@ -283,7 +284,7 @@ TEST_F(RecvRefused, AtTheSessionIsTriedThreeTimes)
 
 TEST_F(RecvRefused, AtAPartIsTriedThreeTimes)
 {
-    enter_record(part, 3 * part, nobody.url + "/up");
+    enter_record(part, 3 * part, nobody.url("/up"));
     EXPECT_FALSE(store_through_record(small));
     expect_attempts(3);
     expect_state_after_failure(place::first_part);

@@ -187,6 +187,20 @@ TEST_F(Rename, ANewParentThatIsMissingOrAFileIsNamedInTheAnswer)
     EXPECT_THAT(peer.requests(), IsEmpty());
 }
 
+using RenameDeathTest = Rename;
+
+TEST_F(RenameDeathTest, ANewPathWithoutASlashIsAProgrammingError)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    tirval_gfs_command_info_t info = {};
+    info.from_pathname = "/My files/a";
+    info.pathname = "b";
+    EXPECT_DEATH(host.in_command([&](tirval_gfs_operation_t op) {
+        tirval_i_onedrive_rename(op, &info, session.handle());
+    }),
+                 "name != NULL");
+}
+
 TEST_F(Rename, NothingIsOverwritten)
 {
     for (const char *to : {"/My files/p", "/My files/a"}) {
@@ -306,8 +320,9 @@ TEST_F(Rename, AFailureIsWrittenWithItsChain)
 {
     debug_trace trace(TIRVAL_ONEDRIVE_ERROR);
     EXPECT_FALSE(rename("/My files/a", "/b"));
-    EXPECT_THAT(trace.text(), testing::ContainsRegex(
-                                  "tirval_i_onedrive_rename: exit: result=0x[0-9a-f]+ message="));
+    EXPECT_THAT(trace.text(),
+                testing::ContainsRegex("tirval_i_onedrive_rename: exit: result=0x[0-9a-f]+ "
+                                       "message=(.|\n)*Invalid path for a write operation"));
 }
 
 } // namespace

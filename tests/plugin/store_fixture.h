@@ -9,19 +9,16 @@
 #include "graph_script.h"
 #include "library_seams.h"
 #include "memory_backend.h"
+#include "refusing_port.h"
 #include "test_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cstdio>
 #include <mutex>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 inline std::vector<unsigned> slept; /* seconds; they are not really slept */
@@ -47,30 +44,6 @@ inline std::string content_of(std::size_t length)
     }
     return bytes;
 }
-
-/* A port that nobody listens on: bound, so that nobody else takes it. */
-class refusing_port {
-  public:
-    refusing_port() : descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr *>(&address), length), 0);
-        getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &length);
-        url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    }
-    ~refusing_port() { (void)close(descriptor); }
-    refusing_port(const refusing_port &) = delete;
-    refusing_port &operator=(const refusing_port &) = delete;
-
-  private:
-    int descriptor;
-    sockaddr_in address = {};
-
-  public:
-    std::string url;
-};
 
 /* What a Content-Range header of a request says. */
 struct sent_range {

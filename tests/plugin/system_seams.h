@@ -66,7 +66,8 @@ struct system_seams {
     int truncated = 0;            /* calls of ftruncate */
 };
 
-inline system_seams seams;
+/* Lives as long as the process: memory is still unmapped when the program's objects are gone. */
+inline system_seams &seams = *new system_seams;
 
 extern "C" {
 

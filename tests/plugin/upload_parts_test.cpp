@@ -280,7 +280,9 @@ class UploadPartsAnswer : public UploadParts {
 
 TEST_F(UploadPartsAnswer, AGoodLastPartReplacesWhatWasWrongBefore)
 {
+    const size_t errors = tirval_error_count();
     EXPECT_TRUE(store_answered({without_expiration(), {}, {}})) << host.answer.text;
+    EXPECT_EQ(tirval_error_count(), errors) << "what is replaced is not kept";
     EXPECT_EQ(parts.requests().size(), 3U);
     EXPECT_EQ(record(), nullptr);
     EXPECT_NE(session.cached(path), nullptr);

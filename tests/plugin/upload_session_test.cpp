@@ -173,7 +173,8 @@ TEST_F(UploadSession, ANameThatIsNoTextCannotBeAskedFor)
     for (const time_t time : {-1, 0}) {
         host.modification_time = time;
         EXPECT_FALSE(open(25000000, "/My files/\xFF.bin"));
-        expect_malloc_error();
+        expect_refused_before_the_begin(553, "INVALID_PATH_NAME");
+        EXPECT_EQ(host.answer.message, "GridFTP-Path: <Invalid Name>");
     }
     EXPECT_THAT(service.requests(), IsEmpty());
 }

@@ -281,6 +281,33 @@ TEST_F(Checksum, ThatTheStorageRefusesOrDoesNotGiveIsAnError)
               "451 Storage gave no checksum: /My files/twenty\n");
 }
 
+TEST_F(Checksum, OfADownloadThatTheServiceRefusedIsAnErrorAndIsForgotten)
+{
+    node("/My files/twenty").checksum_statuses = {412, 302, 206};
+    ftp_client_t &client = logged_in();
+    const std::string refused =
+        "451 The storage service did not deliver the file's content: /My files/twenty\n";
+    EXPECT_EQ(client.ask("CKSM MD5 0 -1 twenty").text(), refused);
+    EXPECT_EQ(client.ask("HASH twenty").text(), refused);
+    EXPECT_EQ(shared().starts, 2);
+    EXPECT_EQ(client.ask("CKSM MD5 0 -1 twenty").last(), "213 storage-md5");
+    EXPECT_EQ(client.ask("CKSM MD5 0 -1 twenty").last(), "213 storage-md5");
+    EXPECT_EQ(shared().starts, 3);
+}
+
+TEST_F(Checksum, OfARefusedDownloadIsForgottenThoughAStoreWaitsToBeContinued)
+{
+    node("/My files/twenty").checksum_statuses = {410};
+    ftp_client_t &client = binary();
+    EXPECT_EQ(client.code_of("ALLO 26214400"), 200);
+    EXPECT_THAT(client.store("STOR big", std::string(15'000'000, 'x')).final_text,
+                HasSubstr("GridFTP-Restart"));
+    EXPECT_EQ(client.code_of("CKSM MD5 0 -1 twenty"), 451);
+    EXPECT_EQ(shared().lists, 1);
+    EXPECT_EQ(shared().starts, 1);
+    EXPECT_EQ(client.ask("CKSM MD5 0 -1 twenty").last(), "213 storage-md5");
+}
+
 TEST_F(Checksum, StopsAtAbor)
 {
     node("/My files/large").send = fake_send_t::until_cancelled;

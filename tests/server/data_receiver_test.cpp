@@ -172,6 +172,27 @@ TEST_F(DataReceiver, AResetIsNoEndOfData)
     EXPECT_EQ(receiver->failure()->code, 426);
 }
 
+TEST_F(DataReceiver, AResetBeforeTheConnectionIsTakenIsFoundAtOnce)
+{
+    const auto here = *socket_address_t::parse(AF_INET, "127.0.0.1", 0);
+    auto endpoint = listen_for_data(here, here, std::nullopt);
+    client = tests::ftp_client_t::connect_data(endpoint->port);
+    send("some");
+    reset_connection();
+    options.open_timeout = milliseconds(1000);
+    receiver = std::make_unique<data_receiver_t>(std::move(endpoint), options, moved);
+    ASSERT_FALSE(receiver->open()) << "waits for another connection";
+    std::string buffer(100, '\0');
+    std::size_t received = 0;
+    bool would_block = false;
+    std::optional<failure_t> failure;
+    do {
+        failure = receiver->receive(buffer, true, received, would_block);
+    } while (!failure && received > 0);
+    ASSERT_TRUE(failure) << "takes it for the end of data";
+    EXPECT_EQ(failure->code, 426);
+}
+
 TEST_F(DataReceiver, ASilentClientIsGivenUp)
 {
     options.stall_timeout = milliseconds(50);

@@ -66,16 +66,6 @@ void record(const std::string &text, fake_storage_shared_t &shared)
     }
 }
 
-/* Makes the REST library see an answer of that status. */
-void meet_status(int status)
-{
-    tirval_module_activate(&tirval_i_dsi_rest_module);
-    http_peer peer;
-    peer.answer(http_peer_answer::complete(status));
-    tirval_dsi_rest_request("DELETE", peer.url("/item").c_str(), nullptr, nullptr, nullptr);
-    tirval_module_deactivate(&tirval_i_dsi_rest_module);
-}
-
 bool lies_in(const std::string &path, const std::string &folder)
 {
     return path == folder || path.starts_with(folder + "/");
@@ -172,6 +162,15 @@ fake_change_plan_t next_plan(fake_storage_t &storage, const std::string &path)
 }
 
 } // namespace
+
+void meet_status(int status)
+{
+    tirval_module_activate(&tirval_i_dsi_rest_module);
+    http_peer peer;
+    peer.answer(http_peer_answer::complete(status));
+    tirval_dsi_rest_request("DELETE", peer.url("/item").c_str(), nullptr, nullptr, nullptr);
+    tirval_module_deactivate(&tirval_i_dsi_rest_module);
+}
 
 tirval_result_t fake_change(const tirval_gfs_command_info_t &info, fake_storage_t &storage,
                             std::set<std::string> &missing)

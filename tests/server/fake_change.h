@@ -19,6 +19,9 @@ namespace tirval::tests {
 tirval_result_t fake_change(const tirval_gfs_command_info_t &info, fake_storage_t &storage,
                             std::set<std::string> &missing);
 
+/* Makes the REST library see an answer of that status. */
+void meet_status(int status);
+
 } // namespace tirval::tests
 
 #endif

@@ -402,6 +402,10 @@ void checksum(tirval_gfs_operation_t op, const tirval_gfs_command_info_t &info,
     case fake_checksum_t::as_told:
         break;
     }
+    const auto asked = static_cast<std::size_t>(current->shared->checksums);
+    if (asked <= node.checksum_statuses.size()) {
+        meet_status(node.checksum_statuses[asked - 1]);
+    }
     const auto text = node.checksums.find(info.cksm_alg);
     tirval_gridftp_server_finished_command(
         op, TIRVAL_SUCCESS, text == node.checksums.end() ? nullptr : text->second.c_str());

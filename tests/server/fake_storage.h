@@ -89,6 +89,7 @@ struct fake_node_t {
     fake_checksum_t checksum = fake_checksum_t::as_told;
     /* By the algorithm's name; an algorithm that is not here is answered with no text. */
     std::map<std::string, std::string> checksums;
+    std::vector<int> checksum_statuses;          /* the service's answers to the first checksums */
     std::vector<std::int64_t> checksum_progress; /* bytes reported, where reports are wanted */
     std::vector<std::string> odd_names;          /* listed in addition, as files */
 };
@@ -96,6 +97,7 @@ struct fake_node_t {
 /* How the stores of a path go wrong. */
 struct fake_store_plan_t {
     fake_error_t refusal;              /* with a message: before the transfer begins */
+    int status = 0;                    /* of the service's answer that the refusal is about */
     std::vector<std::int64_t> fail_at; /* the part from each offset fails, once for each entry */
     fake_error_t part_error{0, "", "the service broke off"};
     bool nameless = false;      /* the result names no error object */

@@ -4,6 +4,8 @@
  */
 #include "fake_store.h"
 
+#include "fake_change.h"
+
 #include "tirval_gfs_stream.h"
 
 #include <unistd.h>
@@ -170,6 +172,9 @@ tirval_result_t fake_store(tirval_gfs_operation_t op, const tirval_gfs_transfer_
     fake_store_plan_t &plan = storage.store_plans[info.pathname];
     if (plan.without_begin) {
         return TIRVAL_SUCCESS;
+    }
+    if (plan.status != 0) {
+        meet_status(plan.status);
     }
     auto result =
         plan.refusal.message.empty() ? check_start(info, offset, uploads) : fail(plan.refusal);

@@ -25,7 +25,18 @@ TEST(Reply, ControlBytesCannotEndALineEarly)
 
 TEST(Reply, AnIacByteIsDoubled)
 {
-    EXPECT_EQ(single_reply(550, "\xFF"), "550 \xFF\xFF\r\n");
+    EXPECT_EQ(whole_reply(213, "\xFF"), "213 \xFF\xFF\r\n");
+    EXPECT_EQ(body_reply(250, "a", {"\xFF"}, "b"), "250-a\r\n \xFF\xFF\r\n250 b\r\n");
+}
+
+TEST(Reply, TextsThatAreNoUtf8StayReadable)
+{
+    EXPECT_EQ(single_reply(550, "caf\xE9: \xC3\xA9\xF0\x9F\x98\x80\xFF"),
+              "550 caf?: \xC3\xA9\xF0\x9F\x98\x80?\r\n");
+    EXPECT_EQ(single_reply(550, "\xE2\x82"), "550 ??\r\n");
+    EXPECT_EQ(single_reply(550, "\xC0\xAF\xED\xA0\x80x"), "550 ?????x\r\n");
+    EXPECT_EQ(failure_reply(make_failure(550, "No such file or directory"), "/My files/\xE4\xF6"),
+              "550 No such file or directory: /My files/??\r\n");
 }
 
 TEST(Reply, TextIsCutAtTheLimit)

@@ -23,6 +23,7 @@ namespace tirval::tests {
 namespace {
 
 using std::chrono::milliseconds;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -289,6 +290,16 @@ TEST_F(Store, AppendMakesANewFileAndRefusesAnExistingOne)
     EXPECT_EQ(client.transfer("RETR old").data, "old content");
 }
 
+TEST_F(Store, ANameThatDiffersInCaseAloneIsTaken)
+{
+    ftp_client_t &client = binary();
+    EXPECT_EQ(client.store("APPE OLD", "x").opening_text,
+              "553-GridFTP-Reason: APPEND_NOT_SUPPORTED\n"
+              "553 Files cannot be appended to: /My files/OLD\n");
+    EXPECT_THAT(client.store("STOU Old", "x").opening_text, StartsWith("150 FILE: Old."));
+    EXPECT_EQ(client.store("STOR OLD", "x").final, 226);
+}
+
 /* ---- STOU ---------------------------------------------------------------------------------- */
 
 TEST_F(Store, UniqueNamesAreToldInTheOpeningReplyAndReallyNew)
@@ -487,6 +498,20 @@ TEST_F(Store, AClientThatVanishesStoresNothing)
     EXPECT_EQ(shared().starts, shared().ends);
 }
 
+TEST_F(Store, AClientThatHasSaidQuitMayCloseItsSideBeforeTheEnd)
+{
+    ftp_client_t &client = binary();
+    auto data = begin(client, "STOR new");
+    send_to_peer(data.get(), "all");
+    client.send_line("QUIT");
+    client.close_sending_side();
+    data.reset();
+    EXPECT_EQ(client.read_reply().code, 226);
+    EXPECT_EQ(client.read_reply().code, 221);
+    EXPECT_EQ(session->wait(), 0);
+    EXPECT_EQ(shared().stores, 1);
+}
+
 TEST_F(Store, AShutdownWaitsForAStoreAndEndsItAtItsLimit)
 {
     harness.config.server.shutdown_timeout = std::chrono::seconds(1);
@@ -511,6 +536,25 @@ TEST_F(Store, ARefusalOfTheStorageIsAnsweredWithItsCode)
                                    "553 Name not allowed: /My files/new\n");
     EXPECT_EQ(client.code_of("ALLO 1"), 200);
     EXPECT_EQ(client.store("STOR new", "x").opening, 553);
+}
+
+TEST_F(Store, AnotherUploadOfTheFileIsATemporaryObstacle)
+{
+    fake_store_plan_t &plan = harness.storage.store_plans["/My files/busy"];
+    plan.refusal = {0, "", "code: \"nameAlreadyExists\""};
+    plan.status = 409;
+    harness.storage.store_plans["/My files/denied"].refusal = {550, "PERMISSION_DENIED", "no"};
+    harness.storage.store_plans["/My files/denied"].status = 403;
+    ftp_client_t &client = binary();
+    for (const bool announced : {false, true}) {
+        if (announced) {
+            EXPECT_EQ(client.code_of("ALLO 4"), 200);
+        }
+        EXPECT_THAT(client.store("STOR busy", "data").final_text,
+                    AllOf(StartsWith("450-"), HasSubstr("nameAlreadyExists"),
+                          HasSubstr("450 The storage service still holds another upload")));
+    }
+    EXPECT_EQ(client.store("STOR denied", "data").final, 550);
 }
 
 TEST_F(Store, AFailureThatNamesNoErrorIsAnsweredInWords)
@@ -711,6 +755,44 @@ TEST_F(Store, AFreshStoreOfABrokenOneBeginsAnew)
     EXPECT_TRUE(client.transfer("RETR big").data == content);
     EXPECT_EQ(client.code_of("REST 10485760"), 350);
     EXPECT_EQ(client.store("STOR big", "x").opening, 554);
+}
+
+TEST_F(Store, AFailureBesideABrokenStoreDoesNotBlockThePath)
+{
+    harness.storage.store_plans["/My files/taken in"].fail_at = {0};
+    harness.storage.store_plans["/My files/streamed"].fail_at = {0};
+    ftp_client_t &client = binary();
+    const std::string content = pattern(5 * mebibyte);
+    for (const std::string name : {"taken in", "streamed"}) {
+        EXPECT_EQ(break_off(client, pattern(25 * mebibyte)).code, 451);
+        const int starts = shared().starts;
+        if (name == "streamed") {
+            EXPECT_EQ(client.code_of(allo(5 * mebibyte)), 200);
+        }
+        const auto failed = client.store("STOR " + name, content);
+        EXPECT_EQ(failed.final, 451);
+        EXPECT_THAT(failed.final_text, Not(HasSubstr("GridFTP-Restart")));
+        EXPECT_EQ(client.code_of("REST 10485760"), 350);
+        EXPECT_EQ(client.store("STOR " + name, "x").opening, 554);
+        EXPECT_EQ(shared().starts, starts);
+        EXPECT_EQ(client.store("STOR " + name, content).final, 226);
+        EXPECT_EQ(shared().starts, starts + 1);
+    }
+    expect_orderly_end();
+}
+
+TEST_F(Store, AFailureBesideABrokenStoreLeavesThatToBeContinued)
+{
+    harness.storage.store_plans["/My files/other"].fail_at = {0};
+    ftp_client_t &client = binary();
+    const std::string content = pattern(25 * mebibyte);
+    EXPECT_EQ(break_off(client, content).code, 451);
+    EXPECT_EQ(client.store("STOR other", pattern(5 * mebibyte)).final, 451);
+    EXPECT_EQ(client.code_of("REST 10485760"), 350);
+    EXPECT_EQ(client.store("STOR big", content.substr(10 * mebibyte)).final, 226);
+    EXPECT_EQ(shared().starts, 1);
+    EXPECT_EQ(client.store("STOR other", pattern(5 * mebibyte)).final, 226);
+    EXPECT_EQ(shared().starts, 2);
 }
 
 TEST_F(Store, AnAbortedStoreIsNotContinued)
