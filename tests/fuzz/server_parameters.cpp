@@ -20,6 +20,7 @@ class still_session_t : public command_session_t {
   public:
     still_session_t()
     {
+        storage_.descriptor = 0x3F; /* all that a storage can offer */
         state_.logged_in = true;
         state_.local = *socket_address_t::parse(AF_INET, "192.0.2.1", 2811);
         state_.client = *socket_address_t::parse(AF_INET, "192.0.2.7", 40000);
@@ -37,7 +38,7 @@ class still_session_t : public command_session_t {
   private:
     session_state_t state_;
     config_t config_;
-    tirval_gfs_storage_iface_t storage_{.descriptor = 0x3F};
+    tirval_gfs_storage_iface_t storage_{};
 };
 
 constexpr std::array<std::string_view, 14> tried = {"PORT", "EPRT", "OPTS", "REST", "TYPE",
