@@ -123,6 +123,15 @@ class Writing(ClientPrograms):
         self.assert_curl("-T", self.source, self.url("/Documents/"))
         self.assert_stored("/Documents/source.bin", self.data)
 
+    def test_lftp_and_curl_announce_the_size_when_they_are_asked_to(self):
+        announcement = f"ALLO {len(self.data)}"
+        before = self.server.output().count(announcement)
+        self.lftp(f"set ftp:use-allo yes; put {self.source} -o 'announced by lftp.bin'")
+        self.assert_curl("-Q", announcement, "-T", self.source, self.url("/announced by curl.bin"))
+        self.assertEqual(self.server.output().count(announcement), before + 2)
+        for name in ("lftp", "curl"):
+            self.assert_stored(f"/announced by {name}.bin", self.data)
+
     def test_curl_uploads_from_a_pipe(self):
         for data in (b"", b"a few bytes", self.data):
             self.assert_curl("-T", "-", self.url(f"/curl pipe {len(data)}.bin"), input=data)
