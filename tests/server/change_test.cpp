@@ -3,7 +3,7 @@
  * the storage's word cannot be trusted.
  */
 #include "fake_store.h"
-#include "session_harness.h"
+#include "session_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-class Change : public ::testing::Test {
+class Change : public SessionTest {
   protected:
     Change()
     {
@@ -26,22 +26,13 @@ class Change : public ::testing::Test {
         harness.storage.add_folder("/My files/empty");
     }
 
-    ftp_client_t &logged_in()
-    {
-        session = harness.start_logged_in();
-        EXPECT_EQ(session->client.code_of("TYPE I"), 200);
-        return session->client;
-    }
+    ftp_client_t &logged_in() { return binary(); }
 
-    fake_storage_shared_t &shared() { return *harness.storage.shared; }
     std::vector<std::string> commands() { return harness.storage.commands(); }
     void plan(const std::string &path, const fake_change_plan_t &next)
     {
         harness.storage.change_plans[path].push_back(next);
     }
-
-    session_harness_t harness;
-    std::unique_ptr<running_session_t> session;
 };
 
 /* The service says no without a body, and the storage takes that for success. */

@@ -2,7 +2,7 @@
  * CKSM, HASH and RANG over a session's control connection, and what becomes of them when the
  * storage or the client breaks off.
  */
-#include "session_harness.h"
+#include "session_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ constexpr const char *sha256_of_abc =
     "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 constexpr const char *md5_of_nothing = "d41d8cd98f00b204e9800998ecf8427e";
 
-class Checksum : public ::testing::Test {
+class Checksum : public SessionTest {
   protected:
     Checksum()
     {
@@ -43,32 +43,13 @@ class Checksum : public ::testing::Test {
     void TearDown() override
     {
         if (session) {
-            session->client.close_connection();
-            EXPECT_EQ(session->wait(), 0);
+            expect_orderly_end();
         }
-        EXPECT_EQ(shared().starts, shared().ends);
-        EXPECT_EQ(shared().paths_not_canonical, 0);
     }
 
-    ftp_client_t &logged_in()
-    {
-        session = harness.start_logged_in();
-        return session->client;
-    }
-
-    ftp_client_t &binary()
-    {
-        ftp_client_t &client = logged_in();
-        EXPECT_EQ(client.code_of("TYPE I"), 200);
-        return client;
-    }
-
-    fake_storage_shared_t &shared() { return *harness.storage.shared; }
     fake_node_t &node(const std::string &path) { return harness.storage.nodes.at(path); }
 
     static constexpr std::int64_t large_size = 5'200'000;
-    session_harness_t harness;
-    std::unique_ptr<running_session_t> session;
 };
 
 /* ---- CKSM: who answers --------------------------------------------------------------------- */

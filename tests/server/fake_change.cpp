@@ -15,23 +15,6 @@
 namespace tirval::tests {
 namespace {
 
-tirval_result_t reply(int code, const char *tag)
-{
-    return tirval_error_put(
-        tirval_gfs_ftp_response_error_construct(nullptr, nullptr, code, tag, nullptr));
-}
-
-tirval_result_t fail(const fake_error_t &error)
-{
-    if (error.code != 0) {
-        return tirval_error_put(tirval_gfs_ftp_response_error_construct(
-            nullptr, nullptr, error.code, error.tag.c_str(), "%s", error.message.c_str()));
-    }
-    return tirval_error_put(
-        tirval_error_construct_error(nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER,
-                                     "fake_change", "fail", 1, "%s", error.message.c_str()));
-}
-
 std::string describe(const tirval_gfs_command_info_t &info)
 {
     const std::string path = info.pathname;
@@ -99,11 +82,11 @@ tirval_result_t check(const tirval_gfs_command_info_t &info, const fake_storage_
     if (info.command == TIRVAL_GFS_CMD_MKD || info.command == TIRVAL_GFS_CMD_RNTO) {
         const auto parent = storage.nodes.find(server::parent_path(info.pathname));
         if (parent == storage.nodes.end() || !parent->second.folder) {
-            return reply(553, "NOT_A_DIRECTORY");
+            return put({553, "NOT_A_DIRECTORY", ""});
         }
-        return exists(info.pathname) ? reply(553, "PATH_EXISTS") : TIRVAL_SUCCESS;
+        return exists(info.pathname) ? put({553, "PATH_EXISTS", ""}) : TIRVAL_SUCCESS;
     }
-    return exists(info.pathname) ? TIRVAL_SUCCESS : reply(550, "PATH_NOT_FOUND");
+    return exists(info.pathname) ? TIRVAL_SUCCESS : put({550, "PATH_NOT_FOUND", ""});
 }
 
 void apply(const tirval_gfs_command_info_t &info, fake_storage_t &storage)
@@ -193,7 +176,7 @@ tirval_result_t fake_change(const tirval_gfs_command_info_t &info, fake_storage_
     if (plan.applies) {
         apply(info, storage);
     }
-    const auto result = plan.error.message.empty() ? TIRVAL_SUCCESS : fail(plan.error);
+    const auto result = plan.error.message.empty() ? TIRVAL_SUCCESS : put(plan.error);
     remember(info, result == TIRVAL_SUCCESS, missing);
     return result;
 }

@@ -22,6 +22,20 @@
 #include <sstream>
 
 namespace tirval::tests {
+
+tirval_result_t put(const fake_error_t &error)
+{
+    const char *message = error.message.c_str();
+    if (error.code == 0) {
+        return tirval_error_put(
+            tirval_error_construct_error(nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER,
+                                         "fake_storage", "put", 1, "%s", message));
+    }
+    return tirval_error_put(
+        tirval_gfs_ftp_response_error_construct(nullptr, nullptr, error.code, error.tag.c_str(),
+                                                *message == '\0' ? nullptr : "%s", message));
+}
+
 namespace {
 
 fake_storage_t *current = nullptr;
@@ -33,17 +47,6 @@ struct fake_session_t {
     std::set<std::string> missing; /* once missing, always missing */
     fake_uploads_t uploads;
 };
-
-tirval_result_t put(const fake_error_t &error)
-{
-    if (error.code == 0) {
-        return tirval_error_put(
-            tirval_error_construct_error(nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER,
-                                         "fake_storage", "put", 1, "%s", error.message.c_str()));
-    }
-    return tirval_error_put(tirval_gfs_ftp_response_error_construct(
-        nullptr, nullptr, error.code, error.tag.c_str(), "%s", error.message.c_str()));
-}
 
 tirval_result_t not_found(const std::string &path)
 {

@@ -53,8 +53,11 @@ struct fake_storage_shared_t {
 struct fake_error_t {
     int code = 0; /* 0: a generic error */
     std::string tag;
-    std::string message;
+    std::string message; /* may be empty where there is a code */
 };
+
+/* Puts the error and returns its result. */
+tirval_result_t put(const fake_error_t &error);
 
 enum class fake_send_t {
     whole,

@@ -17,23 +17,6 @@
 namespace tirval::tests {
 namespace {
 
-tirval_result_t refuse(int code, const char *tag)
-{
-    return tirval_error_put(
-        tirval_gfs_ftp_response_error_construct(nullptr, nullptr, code, tag, nullptr));
-}
-
-tirval_result_t fail(const fake_error_t &error)
-{
-    if (error.code != 0) {
-        return tirval_error_put(tirval_gfs_ftp_response_error_construct(
-            nullptr, nullptr, error.code, error.tag.c_str(), "%s", error.message.c_str()));
-    }
-    return tirval_error_put(
-        tirval_error_construct_error(nullptr, nullptr, TIRVAL_ERROR_TYPE_SERVICE_ANSWER,
-                                     "fake_store", "fail", 1, "%s", error.message.c_str()));
-}
-
 /* Waits once, as storages do, for a read that another thread completes. */
 struct probe_t {
     std::mutex lock;
@@ -47,7 +30,7 @@ void note_probe(tirval_gfs_operation_t, tirval_result_t result, tirval_byte_t *,
     auto *probe = static_cast<probe_t *>(user_arg);
     const std::lock_guard<std::mutex> guard(probe->lock);
     const bool surplus = result == TIRVAL_SUCCESS && !eof;
-    probe->result = surplus ? fail({451, "QUOTA_EXCEEDED", "Too much data was sent."}) : result;
+    probe->result = surplus ? put({451, "QUOTA_EXCEEDED", "Too much data was sent."}) : result;
     probe->completed.notify_one();
 }
 
@@ -107,7 +90,7 @@ tirval_result_t store_parts(tirval_gfs_operation_t op, std::int64_t offset, std:
             return result;
         }
         if (fails_at(plan, offset)) {
-            return fail(plan.part_error);
+            return put(plan.part_error);
         }
         stored += part;
         offset += static_cast<std::int64_t>(part.size());
@@ -122,17 +105,17 @@ tirval_result_t check_start(const tirval_gfs_transfer_info_t &info, std::int64_t
     const bool in_parts = info.alloc_size > fake_small_bytes;
     const bool known = uploads.contains(info.pathname);
     if (!in_parts) {
-        return offset == 0 ? TIRVAL_SUCCESS : refuse(553, "APPEND_NOT_SUPPORTED");
+        return offset == 0 ? TIRVAL_SUCCESS : put({553, "APPEND_NOT_SUPPORTED", ""});
     }
     if (info.truncate) {
-        return known ? fail({0, "", "Failed cache update!"}) : TIRVAL_SUCCESS;
+        return known ? put({0, "", "Failed cache update!"}) : TIRVAL_SUCCESS;
     }
     if (!known) {
-        return refuse(553, "MULTI_PART_UPLOAD_NOT_FOUND");
+        return put({553, "MULTI_PART_UPLOAD_NOT_FOUND", ""});
     }
     const bool at_part = offset % fake_part_bytes == 0 &&
                          offset <= static_cast<std::int64_t>(uploads[info.pathname].size());
-    return at_part ? TIRVAL_SUCCESS : refuse(553, "APPEND_NOT_SUPPORTED");
+    return at_part ? TIRVAL_SUCCESS : put({553, "APPEND_NOT_SUPPORTED", ""});
 }
 
 void note_start(fake_storage_shared_t &shared, const tirval_gfs_transfer_info_t &info,
@@ -177,7 +160,7 @@ tirval_result_t fake_store(tirval_gfs_operation_t op, const tirval_gfs_transfer_
         meet_status(plan.status);
     }
     auto result =
-        plan.refusal.message.empty() ? check_start(info, offset, uploads) : fail(plan.refusal);
+        plan.refusal.message.empty() ? check_start(info, offset, uploads) : put(plan.refusal);
     if (result != TIRVAL_SUCCESS) {
         return result;
     }

@@ -1,7 +1,7 @@
 /*
  * Sessions over real sockets: commands in every state, and the order of replies.
  */
-#include "session_harness.h"
+#include "session_fixture.h"
 
 #include "log.h"
 
@@ -26,7 +26,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-class Session : public ::testing::Test {
+class Session : public SessionTest {
   protected:
     Session()
     {
@@ -35,30 +35,12 @@ class Session : public ::testing::Test {
         harness.storage.add_file("/My files/docs/b.bin", std::string("\0\1\n\xFF", 4));
     }
 
-    ftp_client_t &logged_in()
-    {
-        session.reset(); /* a later session would hold its connection open */
-        session = harness.start_logged_in();
-        return session->client;
-    }
-
     ftp_client_t &connected()
     {
         session = harness.start();
         (void)session->client.read_reply();
         return session->client;
     }
-
-    void expect_orderly_end()
-    {
-        session->client.close_connection();
-        EXPECT_EQ(session->wait(), 0);
-        EXPECT_EQ(harness.storage.shared->paths_not_canonical, 0);
-        EXPECT_EQ(harness.storage.shared->starts, harness.storage.shared->ends);
-    }
-
-    session_harness_t harness;
-    std::unique_ptr<running_session_t> session;
 };
 
 /* ---- Log-in -------------------------------------------------------------------------------- */

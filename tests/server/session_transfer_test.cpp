@@ -1,7 +1,7 @@
 /*
  * Data connections, downloads and listings over real sockets, and what interrupts them.
  */
-#include "session_harness.h"
+#include "session_fixture.h"
 
 #include "log.h"
 
@@ -24,7 +24,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-class Transfer : public ::testing::Test {
+class Transfer : public SessionTest {
   protected:
     Transfer()
     {
@@ -35,30 +35,6 @@ class Transfer : public ::testing::Test {
         harness.storage.add_file("/My files/docs/b.bin", "b");
         harness.storage.add_file("/My files/docs/c.txt", "cc");
     }
-
-    ftp_client_t &logged_in()
-    {
-        session = harness.start_logged_in();
-        return session->client;
-    }
-
-    ftp_client_t &binary()
-    {
-        ftp_client_t &client = logged_in();
-        EXPECT_EQ(client.code_of("TYPE I"), 200);
-        return client;
-    }
-
-    void expect_orderly_end()
-    {
-        session->client.close_connection();
-        EXPECT_EQ(session->wait(), 0);
-        EXPECT_EQ(harness.storage.shared->paths_not_canonical, 0);
-        EXPECT_EQ(harness.storage.shared->starts, harness.storage.shared->ends);
-    }
-
-    session_harness_t harness;
-    std::unique_ptr<running_session_t> session;
 };
 
 std::string generated(std::int64_t from, std::int64_t to)

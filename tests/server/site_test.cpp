@@ -2,7 +2,7 @@
  * SITE and MFMT over a session's control connection, with storages that can set times and modes and
  * with one that cannot.
  */
-#include "session_harness.h"
+#include "session_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,18 +15,12 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-class Site : public ::testing::Test {
+class Site : public SessionTest {
   protected:
     Site()
     {
         harness.storage.add_file("/My files/a.txt", "hello");
         harness.storage.add_file("/My files/b c.txt", "hello");
-    }
-
-    ftp_client_t &logged_in()
-    {
-        session = harness.start_logged_in();
-        return session->client;
     }
 
     /* A storage that sets what the plug-in for the service does not. */
@@ -38,9 +32,6 @@ class Site : public ::testing::Test {
     }
 
     std::vector<std::string> commands() { return harness.storage.commands(); }
-
-    session_harness_t harness;
-    std::unique_ptr<running_session_t> session;
 };
 
 TEST_F(Site, HelpListsWhatTheStorageCanServeOneALine)

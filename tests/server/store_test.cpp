@@ -3,7 +3,7 @@
  * what breaks off and how it goes on.
  */
 #include "fake_store.h"
-#include "session_harness.h"
+#include "session_fixture.h"
 
 #include "log.h"
 
@@ -49,28 +49,13 @@ void await(const std::function<bool()> &happened)
     ASSERT_TRUE(happened());
 }
 
-class Store : public ::testing::Test {
+class Store : public SessionTest {
   protected:
     Store()
     {
         harness.storage.add_folder("/My files/docs");
         harness.storage.add_file("/My files/old", "old content");
     }
-
-    ftp_client_t &logged_in()
-    {
-        session = harness.start_logged_in();
-        return session->client;
-    }
-
-    ftp_client_t &binary()
-    {
-        ftp_client_t &client = logged_in();
-        EXPECT_EQ(client.code_of("TYPE I"), 200);
-        return client;
-    }
-
-    fake_storage_shared_t &shared() { return *harness.storage.shared; }
 
     static std::string allo(std::int64_t bytes) { return "ALLO " + std::to_string(bytes); }
 
@@ -91,17 +76,6 @@ class Store : public ::testing::Test {
         data.reset();
         return client.read_reply();
     }
-
-    void expect_orderly_end()
-    {
-        session->client.close_connection();
-        EXPECT_EQ(session->wait(), 0);
-        EXPECT_EQ(shared().paths_not_canonical, 0);
-        EXPECT_EQ(shared().starts, shared().ends);
-    }
-
-    session_harness_t harness;
-    std::unique_ptr<running_session_t> session;
 };
 
 /* Closes the connection out of order. */
