@@ -131,7 +131,7 @@ class store_run_t {
     std::optional<failure_t> stream();
     std::optional<failure_t> take_in_and_store();
     std::optional<failure_t> take_in(spool_t &spool);
-    std::optional<failure_t> check_client();
+    std::optional<failure_t> check_client() const;
     std::optional<failure_t> check_total(std::int64_t total) const;
     std::optional<failure_t> store_from(const spool_t &spool, std::int64_t total);
 
@@ -360,7 +360,7 @@ std::optional<failure_t> store_run_t::take_in(spool_t &spool)
  * not say that this was all; but its control connection has ended before.  A client that has sent
  * QUIT may have closed its side and counts: the session knows.
  */
-std::optional<failure_t> store_run_t::check_client()
+std::optional<failure_t> store_run_t::check_client() const
 {
     if (context_.client_sends_no_more()) {
         constexpr int no_connection = -1;

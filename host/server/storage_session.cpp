@@ -243,7 +243,7 @@ std::optional<failure_t> storage_session_t::command(tirval_gfs_command_info_t &i
     });
 }
 
-void storage_session_t::note_change(const std::string &path)
+void storage_session_t::note_change(const std::string &path) const
 {
     setup_.changes->note_change(setup_.account.name, path, setup_.session_id);
 }

@@ -91,7 +91,7 @@ class storage_session_t final : private session_settings_t {
     std::optional<failure_t> refresh(const std::string &path);
 
     /* Tells the user's other sessions that this one has changed the item at `path`. */
-    void note_change(const std::string &path);
+    void note_change(const std::string &path) const;
     /* What the storage remembers may not be true any more: the session is opened anew before the
      * next operation, unless a store waits to be continued. */
     void distrust() { distrusted_ = true; }
